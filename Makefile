@@ -1,0 +1,60 @@
+# Two commands matter: `make run` starts Vistrel, `make test` builds everything and runs the tests.
+# Both install what they need first.
+
+JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
+BENCH ?=
+FUZZ_SECONDS ?= 60
+
+.PHONY: all deps build run test test-dev test-asan format-check format bench fuzz clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+# The release build alone.
+build: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS)
+
+run: build
+	./build/release/src/vistrel
+
+# Warnings are errors in every preset; the core tests also run under the sanitizers.
+test: deps format-check test-dev test-asan
+
+test-dev:
+	@cmake --preset dev >/dev/null
+	@cmake --build --preset dev -j $(JOBS)
+	@ctest --preset dev -j $(JOBS)
+
+test-asan:
+	@cmake --preset asan >/dev/null
+	@cmake --build --preset asan -j $(JOBS)
+	@ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan -j $(JOBS) -L 'base|format|sampling|app'
+
+format-check:
+	@files=$$(git ls-files '*.cpp' '*.hpp' '*.mm' 2>/dev/null); \
+	if [ -n "$$files" ]; then clang-format --dry-run --Werror $$files; fi
+
+format:
+	@git ls-files '*.cpp' '*.hpp' '*.mm' | xargs clang-format -i
+
+# `make bench` runs every benchmark; `make bench BENCH=tick_cost` runs one.
+bench: build
+	@set -e; for b in build/release/bench/bench_*; do \
+	  name=$${b##*/bench_}; \
+	  if [ -z "$(BENCH)" ] || [ "$(BENCH)" = "$$name" ]; then echo "== $$name"; "$$b"; fi; \
+	done
+
+# Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS.
+fuzz:
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+	@set -e; for f in build/fuzz/fuzz/fuzz_*; do \
+	  echo "== $${f##*/}"; mkdir -p build/fuzz/corpus/$${f##*/}; \
+	  "$$f" -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 build/fuzz/corpus/$${f##*/}; \
+	done
+
+clean:
+	rm -rf build

@@ -1,0 +1,90 @@
+#include "app/application.hpp"
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "app/status_line.hpp"
+
+namespace vistrel {
+
+namespace {
+// Snapshots before an automated start-up run ends: enough for the CPU reader's second reading.
+constexpr int kTestQuitTicks = 3;
+}  // namespace
+
+ApplicationOptions ApplicationOptions::fromEnvironment() {
+  ApplicationOptions options;
+  if (std::getenv("VISTREL_TEST_QUIT")) options.quitAfterTicks = kTestQuitTicks;
+  options.printStatus = ::isatty(STDOUT_FILENO) == 1;
+  return options;
+}
+
+Application::Application(ApplicationOptions options, SamplerParts parts, ManualMainQueue& main,
+                         const Clock& clock)
+    : options_(options), main_(main), sampler_(Sampler::create(std::move(parts), main, clock)) {
+  // The receiver runs on the main queue; the sampler is owned here and outlives every call.
+  sampler_->setOnSnapshot([this](Snapshot s) { receive(std::move(s)); });
+}
+
+Application::~Application() {
+  // Stop ticking before the receiver's target goes away; queued hand-offs are dropped with the
+  // sampler (they hold it weakly).
+  sampler_.reset();
+}
+
+int Application::run() {
+  sampler_->start(options_.interval);
+  main_.run();
+  return 0;
+}
+
+void Application::requestQuit() {
+  main_.quit();
+}
+
+void Application::receive(Snapshot snapshot) {
+  ++received_;
+  if (options_.printStatus) {
+    std::string line = statusLine(snapshot);
+    std::fprintf(stdout, "%s\n", line.c_str());
+    std::fflush(stdout);
+  }
+  latest_ = std::move(snapshot);
+  if (options_.quitAfterTicks && received_ >= *options_.quitAfterTicks) requestQuit();
+}
+
+int runApplicationMode() {
+  // Block the termination signals in every thread (threads inherit the mask), and take them on one
+  // thread of our own, which turns them into a quit on the main queue: no work in signal handlers.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+
+  ManualMainQueue main;
+  int status = 0;
+  {
+    Application app(ApplicationOptions::fromEnvironment(), SamplerParts{}, main);
+    std::thread waiter([&signals, &app] {
+      int received = 0;
+      if (sigwait(&signals, &received) == 0 && received != 0) app.requestQuit();
+    });
+    std::fprintf(stderr,
+                 "vistrel: sampling the machine every 2 s without a window; Ctrl-C stops\n");
+    status = app.run();
+    // Wake the waiter if the run ended on its own (VISTREL_TEST_QUIT).
+    pthread_kill(waiter.native_handle(), SIGTERM);
+    waiter.join();
+  }
+  return status;
+}
+
+}  // namespace vistrel

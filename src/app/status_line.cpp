@@ -1,0 +1,21 @@
+#include "app/status_line.hpp"
+
+#include "format/fmt.hpp"
+
+namespace vistrel {
+
+std::string statusLine(const Snapshot& s) {
+  std::string line = Fmt::clock(s.time);
+  line += "  ";
+  line += label(s.mood());
+  line += "  CPU " + Fmt::percent(s.cpu.total);
+  line += "  Memory " + Fmt::mem(s.memory.used()) + " of " + Fmt::mem(s.memory.total);
+  line += "  GPU " + Fmt::percent(s.gpu.utilization);
+  line += "  Disk " + Fmt::rate(s.disk.readRate) + " in, " + Fmt::rate(s.disk.writeRate) + " out";
+  line += ", " + Fmt::bytes(s.disk.mainFree()) + " free";
+  line += "  " + s.network.interface + " " + Fmt::rate(s.network.inRate) + " down, " +
+          Fmt::rate(s.network.outRate) + " up";
+  return line;
+}
+
+}  // namespace vistrel

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+
+namespace vistrel {
+
+// The main thread's queue. Components hand results back through it; the user interface implements
+// it on its event loop. `post` may be called from any thread and never runs the task inline.
+class MainQueue {
+ public:
+  virtual ~MainQueue() = default;
+  virtual void post(std::function<void()> task) = 0;
+};
+
+// A main queue driven by hand: tests call `drain`, the headless application calls `run` on its
+// main thread until `quit`.
+class ManualMainQueue final : public MainQueue {
+ public:
+  void post(std::function<void()> task) override;
+
+  // Runs every task posted so far (and those they post, up to `limit` tasks). Returns how many ran.
+  size_t drain(size_t limit = 100000);
+
+  // Runs tasks as they arrive until `quit` is called; tasks already posted when quit is called
+  // still run. Returns at once when quit was called before.
+  void run();
+  void quit();
+
+  // Waits until at least one task is pending or `seconds` have passed; true when a task is pending.
+  bool waitForTask(double seconds);
+
+  size_t pending() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable cv_;
+  std::deque<std::function<void()>> tasks_;
+  bool quit_ = false;
+};
+
+}  // namespace vistrel
