@@ -1,35 +1,124 @@
-// The sampler's own CPU time per tick with every reader of the machine-wide figures, as the debug
-// timing line reports it. Ticks are spaced so that the readers see moving counters, as in use.
+// The sampler's own CPU time per tick with every reader, the process table and app grouping, as
+// the debug timing line reports it, on a process table inflated to about 450 processes. Ticks run
+// at the real 2-second period (a tight loop understates the cost: caches go cold between ticks),
+// in the foreground and in the background. In the same run, procps `top -b -d 2` refreshes the same
+// table; its CPU time per refresh is the peer figure.
+//
+//   bench_tick_cost [ticks per phase, default 30] [period in seconds, default 2]
+
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "base/main_queue.hpp"
+#include "base/subprocess.hpp"
+#include "children.hpp"
 #include "machine.hpp"
+#include "processes/process_stages.hpp"
 #include "sampling/sampler.hpp"
 
-int main(int argc, char** argv) {
-  using namespace vistrel;
-  int ticks = argc > 1 ? std::max(30, std::atoi(argv[1])) : 60;
-  ManualMainQueue main;
-  auto sampler = Sampler::create(SamplerParts{}, main);
-  sampler->tickNow();  // primes the CPU counters and lists the volumes, as the first tick does
-  main.drain();
+namespace {
+
+using namespace vistrel;
+
+double childrenCpuMs() {
+  rusage r{};
+  getrusage(RUSAGE_CHILDREN, &r);
+  auto ms = [](const timeval& t) { return t.tv_sec * 1000.0 + t.tv_usec / 1000.0; };
+  return ms(r.ru_utime) + ms(r.ru_stime);
+}
+
+// CPU milliseconds of one `top -b -n count -d period` run (waited for).
+double topCpuMs(int count, double period) {
+  double before = childrenCpuMs();
+  char delay[32];
+  std::snprintf(delay, sizeof delay, "%g", period);
+  auto r = runSubprocess("top", {"-b", "-d", delay, "-n", std::to_string(count), "-w", "512"},
+                         std::nullopt, 1);
+  if (!r.started) return -1;
+  return childrenCpuMs() - before;
+}
+
+struct Stats {
+  double min, median, max;
+};
+Stats summarise(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return {v.front(), v[v.size() / 2], v.back()};
+}
+
+std::vector<double> runTicks(Sampler& sampler, ManualMainQueue& main, int ticks, double period) {
   std::vector<double> costs;
   for (int i = 0; i < ticks; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    sampler->tickNow();
-    costs.push_back(sampler->lastTickCost().selfMs);
+    std::this_thread::sleep_for(std::chrono::duration<double>(period));
+    sampler.tickNow();
+    costs.push_back(sampler.lastTickCost().selfMs);
     main.drain();
   }
-  std::sort(costs.begin(), costs.end());
+  return costs;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int ticks = argc > 1 ? std::max(30, std::atoi(argv[1])) : 30;
+  double period = argc > 2 ? std::atof(argv[2]) : 2.0;
+  if (period <= 0) period = 2.0;
+
+  // The machine-wide readers alone (no process table): the floor of every tick.
+  Stats machineOnly{};
+  {
+    ManualMainQueue main;
+    auto readersOnly = Sampler::create(SamplerParts{}, main);
+    readersOnly->tickNow();
+    machineOnly = summarise(runTicks(*readersOnly, main, 60, 0.05));
+  }
+
+  bench::IdleChildren children;
+  children.fillTo(450);
+  size_t processes = bench::countProcesses();
+
+  ManualMainQueue main;
+  SamplerParts parts;
+  installProcessStages(parts, makeProcessLayer());
+  auto sampler = Sampler::create(std::move(parts), main);
+  sampler->tickNow();  // first sight of every process: identities, primed counters
+  main.drain();
+  size_t apps = sampler->lastSnapshot() ? sampler->lastSnapshot()->apps.size() : 0;
+
+  // top refreshes the same table alongside the foreground phase; its start-up is measured apart
+  // so that the per-refresh figure is the steady cost.
+  double topStartup = topCpuMs(1, period);
+  double topTotal = 0;
+  std::thread top([&] { topTotal = topCpuMs(ticks + 1, period); });
+  auto foreground = summarise(runTicks(*sampler, main, ticks, period));
+  top.join();
+  sampler->setBackground(true);
+  auto background = summarise(runTicks(*sampler, main, ticks, period));
+
   std::printf("machine: %s\n", bench::describeMachine().c_str());
-  std::printf("ticks: %d\n", ticks);
-  std::printf("tick min: %.3f ms\n", costs.front());
-  std::printf("tick median: %.3f ms\n", costs[costs.size() / 2]);
-  std::printf("tick max: %.3f ms\n", costs.back());
+  std::printf("processes: %zu\n", processes);
+  std::printf("apps: %zu\n", apps);
+  std::printf("ticks per phase: %d\n", ticks);
+  std::printf("period: %.1f s\n", period);
+  std::printf("tick machine-only median: %.3f ms\n", machineOnly.median);
+  std::printf("tick fg min: %.3f ms\n", foreground.min);
+  std::printf("tick fg median: %.3f ms\n", foreground.median);
+  std::printf("tick fg max: %.3f ms\n", foreground.max);
+  std::printf("tick bg median: %.3f ms\n", background.median);
+  std::printf("tick bg max: %.3f ms\n", background.max);
+  if (topStartup >= 0 && topTotal > topStartup) {
+    double perRefresh = (topTotal - topStartup) / ticks;
+    std::printf("top refresh: %.3f ms\n", perRefresh);
+    std::printf("ratio vs top: %.2f\n", foreground.median / perRefresh);
+  } else {
+    std::printf("top refresh: unavailable\n");
+  }
   return 0;
 }

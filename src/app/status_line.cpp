@@ -15,6 +15,12 @@ std::string statusLine(const Snapshot& s) {
   line += ", " + Fmt::bytes(s.disk.mainFree()) + " free";
   line += "  " + s.network.interface + " " + Fmt::rate(s.network.inRate) + " down, " +
           Fmt::rate(s.network.outRate) + " up";
+  // The app weighing most on the machine, when it weighs anything at all.
+  if (!s.apps.empty() && s.apps.front().impact >= 1) {
+    const AppUsage& top = s.apps.front();
+    line += "  Busiest: " + top.name + " (CPU " + Fmt::appMetricValue(Metric::cpu, top.cpu) +
+            ", " + Fmt::mem(top.memory) + ")";
+  }
   return line;
 }
 

@@ -1,0 +1,434 @@
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/files.hpp"
+#include "processes/linux/linux_process_source.hpp"
+
+namespace vistrel {
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path kFixture = fs::path(VISTREL_FIXTURES) / "linux/proc-processes";
+
+uint64_t nsOfTicks(uint64_t ticks) {
+  return ticks * 1'000'000'000 / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
+}
+uint64_t bytesOfPages(uint64_t pages) {
+  return pages * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+}
+
+// A private copy of the fixture tree, so that tests can change files under a live source.
+class Tree {
+ public:
+  Tree() {
+    char name[] = "/tmp/vistrel-proc-XXXXXX";
+    root_ = ::mkdtemp(name);
+    fs::copy(kFixture, root_, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  }
+  ~Tree() {
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+  }
+  std::string path(const std::string& relative) const { return (root_ / relative).string(); }
+  // Rewrites a file in place: a descriptor the source holds sees the new text.
+  void overwrite(const std::string& relative, const std::string& text) const {
+    FILE* file = ::fopen(path(relative).c_str(), "w");
+    ASSERT_NE(file, nullptr) << relative;
+    ::fwrite(text.data(), 1, text.size(), file);
+    ::fclose(file);
+  }
+  std::vector<std::string> desktopFolders() const {
+    return {path("xdg/data-home/applications"), path("xdg/usr/local/share/applications"),
+            path("xdg/usr/share/applications"), path("xdg/flatpak/exports/share/applications"),
+            path("xdg/snapd/desktop/applications")};
+  }
+  std::unique_ptr<ProcessSource> source(const Clock& clock, PsRunner ps = {}) const {
+    return makeLinuxProcessSource(root_.string(), desktopFolders(), clock, std::move(ps));
+  }
+
+ private:
+  fs::path root_;
+};
+
+std::string statText(int pid, const char* comm, uint64_t utime, uint64_t starttime) {
+  return std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 4194304 0 0 0 0 " +
+         std::to_string(utime) + " 0 0 0 20 0 1 0 " + std::to_string(starttime) + " 0 0\n";
+}
+
+TEST(LinuxProcessSource, ListsNumericEntriesOnly) {
+  Tree tree;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  std::vector<int32_t> pids = {-5};  // stale contents must not survive
+  source->listPids(pids);
+  std::sort(pids.begin(), pids.end());
+  const std::vector<int32_t> expected = {1,    2,    14,   4001, 4002, 4003, 4004,
+                                         4005, 4006, 4007, 4008, 9109, 13356};
+  EXPECT_EQ(pids, expected);
+}
+
+TEST(LinuxProcessSource, CountersFromTheTree) {
+  Tree tree;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  struct Case {
+    int32_t pid;
+    bool readable;
+    uint64_t ticks, anonPages, read, write, startKey;
+    bool kernel;
+  };
+  const Case cases[] = {
+      {4001, true, 300, 2048, 4096, 8192, 5000, false},  // ") (" and a newline in the name
+      {4002, true, 1200, 30000, 1048576, 0, 6000, false},
+      {4003, true, 10, 0, 0, 0, 7000, false},      // statm garbage: no memory figure
+      {4004, false, 0, 0, 0, 0, 0, false},         // stat cut short
+      {4005, true, 13, 0, 0, 0, 300, true},        // PF_KTHREAD alone
+      {14, true, 4, 0, 0, 0, 24, true},            // captured kernel thread
+      {2, true, 0, 0, 0, 0, 24, true},             // kthreadd itself
+      {4006, true, 100, 2000, 0, 0, 8000, false},  // io without write_bytes
+      {4007, true, 2, 40, 0, 0, 9000, false},      // no io file
+      {9109, true, 7, 1037 - 774, 1122304, 9994240, 91879, false},  // captured shell
+      {99999, false, 0, 0, 0, 0, 0, false},                         // no such process
+  };
+  for (int round = 0; round < 2; ++round) {  // the second round reads the held descriptors
+    for (const auto& c : cases) {
+      auto counters = source->counters(c.pid);
+      ASSERT_EQ(counters.has_value(), c.readable) << c.pid;
+      if (!counters) continue;
+      EXPECT_EQ(counters->cpuNs, nsOfTicks(c.ticks)) << c.pid;
+      EXPECT_EQ(counters->memory, bytesOfPages(c.anonPages)) << c.pid;
+      EXPECT_EQ(counters->diskRead, c.read) << c.pid;
+      EXPECT_EQ(counters->diskWrite, c.write) << c.pid;
+      EXPECT_EQ(counters->startKey, c.startKey) << c.pid;
+      EXPECT_EQ(counters->kernelThread, c.kernel) << c.pid;
+      EXPECT_EQ(counters->energyNj, 0u) << c.pid;
+    }
+  }
+}
+
+TEST(LinuxProcessSource, IdentityFromTheTree) {
+  Tree tree;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  const double boot = 1795239232;  // btime of the captured /proc/stat
+  const double tick = 1.0 / static_cast<double>(::sysconf(_SC_CLK_TCK));
+  struct Case {
+    int32_t pid;
+    bool readable;
+    int32_t ppid;
+    uint32_t uid;
+    std::string path, baseName;
+    std::optional<std::string> appPath;
+    double startTicks;
+  };
+  const Case cases[] = {
+      {4001, true, 4000, 1000, "/opt/odd/tool", "a) (b\nc",
+       tree.path("xdg/usr/share/applications/org.gnome.Terminal.desktop"), 5000},
+      // A folder named like the entry earlier in the search order is not the entry.
+      {4002, true, 4001, 1000, "/app/lib/firefox/firefox", "firefox",
+       tree.path("xdg/flatpak/exports/share/applications/org.mozilla.firefox.desktop"), 6000},
+      {4003, true, 1, 1000, "/snap/spotify/80/usr/share/spotify/spotify", "spotify",
+       tree.path("xdg/snapd/desktop/applications/spotify_spotify.desktop"), 7000},
+      // The first folder that has the entry wins.
+      {4006, true, 1500, 1000, "/usr/bin/gnome-system-monitor", "gnome-system-mo",
+       tree.path("xdg/data-home/applications/gnome-system-monitor.desktop"), 8000},
+      {4007, true, 1500, 1000, "/usr/bin/missing", "missing", std::nullopt, 9000},
+      {1, true, 0, 0, "", "process_api", std::nullopt, 24},  // exe unreadable
+      {13356, true, 13353, 0, "/usr/bin/sleep", "sleep", std::nullopt, 120626},
+      {4004, false, 0, 0, "", "", std::nullopt, 0},  // stat cut short
+      {4008, false, 0, 0, "", "", std::nullopt, 0},  // status gone
+      {99999, false, 0, 0, "", "", std::nullopt, 0},
+  };
+  for (const auto& c : cases) {
+    auto id = source->identity(c.pid);
+    ASSERT_EQ(id.has_value(), c.readable) << c.pid;
+    if (!id) continue;
+    EXPECT_EQ(id->ppid, c.ppid) << c.pid;
+    EXPECT_EQ(id->uid, c.uid) << c.pid;
+    EXPECT_EQ(id->path, c.path) << c.pid;
+    EXPECT_EQ(id->baseName, c.baseName) << c.pid;
+    EXPECT_EQ(id->appPath, c.appPath) << c.pid;
+    ASSERT_TRUE(id->started) << c.pid;
+    EXPECT_NEAR(secondsSince1970(*id->started), boot + c.startTicks * tick, 1e-3) << c.pid;
+  }
+  EXPECT_EQ(source->responsibleFor(4001), std::nullopt);
+}
+
+TEST(LinuxProcessSource, ArgumentsAndWorkingFolder) {
+  Tree tree;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  EXPECT_EQ(source->arguments(4001),
+            (std::vector<std::string>{"/opt/odd/tool", "--flag", "", "last"}));
+  EXPECT_TRUE(source->arguments(14).empty());  // kernel threads have none
+  EXPECT_TRUE(source->arguments(99999).empty());
+  EXPECT_EQ(source->workingFolder(4001), "/home/user/project");
+  EXPECT_EQ(source->workingFolder(4002), std::nullopt);  // "/"
+  EXPECT_EQ(source->workingFolder(4003), std::nullopt);  // unreadable
+  EXPECT_EQ(source->workingFolder(99999), std::nullopt);
+}
+
+TEST(LinuxProcessSource, ReReadsHeldFilesAndNoticesAReusedPid) {
+  Tree tree;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  ASSERT_TRUE(source->counters(4001));
+  ASSERT_TRUE(source->counters(4006));
+
+  tree.overwrite("proc/4001/stat", statText(4001, "tool", 900, 5000));
+  auto later = source->counters(4001);
+  ASSERT_TRUE(later);
+  EXPECT_EQ(later->cpuNs, nsOfTicks(900));
+  EXPECT_EQ(later->diskWrite, 8192u);
+
+  // Another process under the same pid: its own start time, its own counters.
+  tree.overwrite("proc/4001/stat", statText(4001, "other", 3, 777777));
+  auto reused = source->counters(4001);
+  ASSERT_TRUE(reused);
+  EXPECT_EQ(reused->startKey, 777777u);
+  EXPECT_EQ(reused->cpuNs, nsOfTicks(3));
+
+  // io that once failed to parse is not read again for the process's life.
+  tree.overwrite("proc/4006/io", "read_bytes: 5\nwrite_bytes: 6\n");
+  auto io = source->counters(4006);
+  ASSERT_TRUE(io);
+  EXPECT_EQ(io->diskRead, 0u);
+  source->forget(4006);
+  io = source->counters(4006);
+  ASSERT_TRUE(io);
+  EXPECT_EQ(io->diskRead, 5u);
+  EXPECT_EQ(io->diskWrite, 6u);
+
+  // A stat emptied or turned to garbage under a held descriptor: unreadable, then readable again.
+  tree.overwrite("proc/4001/stat", "");
+  EXPECT_FALSE(source->counters(4001));
+  tree.overwrite("proc/4001/stat", statText(4001, "tool", 1, 5000));
+  EXPECT_TRUE(source->counters(4001));
+}
+
+TEST(LinuxProcessSource, GpuTimesFromDrmDescriptorsOnASlowRescan) {
+  Tree tree;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  EXPECT_TRUE(source->gpuTimes().empty());  // no process seen yet
+  std::vector<int32_t> pids;
+  source->listPids(pids);
+  for (int32_t pid : pids) source->counters(pid);
+
+  const uint64_t amd = 4203500000u + 1200000u + 35000u;  // client 7, on two descriptors
+  const uint64_t intel = 987654321u + 1000u + 50000u;    // client 12
+  using Times = std::unordered_map<int32_t, uint64_t>;
+  EXPECT_EQ(source->gpuTimes(), (Times{{4002, amd + intel}}));
+
+  // A descriptor opened later is found only at the next scan of the fd folder.
+  fs::create_symlink("/dev/dri/renderD129", tree.path("proc/4002/fd/11"));
+  tree.overwrite("proc/4002/fdinfo/11",
+                 "drm-driver:\tnouveau\ndrm-client-id:\t20\n"
+                 "drm-engine-gr:\t1000 ns\n");
+  fs::create_directories(tree.path("proc/4001/fd"));
+  fs::create_directories(tree.path("proc/4001/fdinfo"));
+  tree.overwrite("proc/4001/fdinfo/4", "drm-client-id:\t30\ndrm-engine-gfx:\t5 ns\n");
+  fs::create_symlink("/dev/dri/card0", tree.path("proc/4001/fd/4"));
+  clock.advance(kDrmRecheckSeconds * 0.5);
+  EXPECT_EQ(source->gpuTimes(), (Times{{4002, amd + intel}}));
+  clock.advance(kDrmRecheckSeconds * 0.8);
+  EXPECT_EQ(source->gpuTimes(), (Times{{4001, 5}, {4002, amd + intel + 1000}}));
+
+  // A closed descriptor stops counting at once.
+  fs::remove(tree.path("proc/4002/fdinfo/9"));
+  fs::remove(tree.path("proc/4002/fd/9"));
+  EXPECT_EQ(source->gpuTimes(), (Times{{4001, 5}, {4002, amd + 1000}}));
+  EXPECT_EQ(source->gpuTimes(), (Times{{4001, 5}, {4002, amd + 1000}}));
+
+  source->forget(4001);
+  EXPECT_EQ(source->gpuTimes(), (Times{{4002, amd + 1000}}));
+
+  // A process found without any is scanned less and less often: its third scan comes a doubled
+  // period after its second.
+  fs::create_directories(tree.path("proc/4003/fd"));
+  fs::create_directories(tree.path("proc/4003/fdinfo"));
+  tree.overwrite("proc/4003/fdinfo/7", "drm-client-id:\t40\ndrm-engine-gfx:\t8 ns\n");
+  fs::create_symlink("/dev/dri/renderD128", tree.path("proc/4003/fd/7"));
+  clock.advance(kDrmRecheckSeconds * 1.3);
+  EXPECT_EQ(source->gpuTimes().count(4003), 0u);
+  clock.advance(kDrmRecheckSeconds * 1.3 * (1 << kDrmBackoffSteps));
+  EXPECT_EQ(source->gpuTimes().at(4003), 8u);
+}
+
+TEST(LinuxProcessSource, DesktopEntryMissesAreRecheckedLate) {
+  Tree tree;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  ASSERT_TRUE(source->identity(4007));
+  EXPECT_EQ(source->identity(4007)->appPath, std::nullopt);
+  const std::string entry = tree.path("xdg/usr/share/applications/org.example.Missing.desktop");
+  tree.overwrite("xdg/usr/share/applications/org.example.Missing.desktop",
+                 "[Desktop Entry]\nName=Missing\n");
+  EXPECT_EQ(source->identity(4007)->appPath, std::nullopt);
+  clock.advance(kDesktopMissSeconds + 1);
+  EXPECT_EQ(source->identity(4007)->appPath, entry);
+  // Found entries are kept.
+  fs::remove(entry);
+  clock.advance(kDesktopMissSeconds + 1);
+  EXPECT_EQ(source->identity(4007)->appPath, entry);
+}
+
+TEST(LinuxProcessSource, PsListingRunsTheInjectedTool) {
+  Tree tree;
+  ManualClock clock;
+  int runs = 0;
+  std::string output =
+      "    1     0     0  0.0  1024 /sbin/init\n   77     1  1000 12.5  2048 my tool\n"
+      "garbage\n";
+  auto source = tree.source(clock, [&] {
+    ++runs;
+    return output;
+  });
+  auto rows = source->psListing();
+  EXPECT_EQ(runs, 1);
+  ASSERT_EQ(rows.size(), 2u);
+  auto tool = std::find_if(rows.begin(), rows.end(), [](const PsRow& r) { return r.pid == 77; });
+  ASSERT_NE(tool, rows.end());
+  EXPECT_EQ(tool->path, "my tool");
+  EXPECT_EQ(tool->rss, 2048u * 1024);
+  output.clear();  // the tool could not run
+  EXPECT_TRUE(source->psListing().empty());
+  EXPECT_TRUE(tree.source(clock)->psListing().empty());  // no tool at all
+}
+
+// Runs in a child: the lowered limit must not leak into the other tests. 0 when every readable
+// process was read.
+int readEveryProcessWithFewDescriptors(const Tree& tree) {
+  rlimit low{48, 48};
+  if (::setrlimit(RLIMIT_NOFILE, &low) != 0) return 2;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  // Use up every descriptor but two: holding files must give way to open-read-close.
+  std::vector<int> filler;
+  for (int fd = ::dup(0); fd >= 0; fd = ::dup(0)) filler.push_back(fd);
+  for (int i = 0; i < 2 && !filler.empty(); ++i) {
+    ::close(filler.back());
+    filler.pop_back();
+  }
+  std::vector<int32_t> pids;
+  source->listPids(pids);
+  int read = 0;
+  for (int round = 0; round < 3; ++round) {
+    read = 0;
+    for (int32_t pid : pids) read += source->counters(pid) ? 1 : 0;
+  }
+  return read == static_cast<int>(pids.size()) - 1 ? 0 : 1;  // all but the cut stat
+}
+
+TEST(LinuxProcessSource, FewDescriptorsStillReadEveryProcess) {
+  Tree tree;
+  EXPECT_EXIT(::_exit(readEveryProcessWithFewDescriptors(tree)), ::testing::ExitedWithCode(0), "");
+}
+
+// --- this machine ---
+
+size_t openDescriptors() {
+  return listFolder("/proc/self/fd").size();
+}
+
+// A child that spins (or sleeps) until killed.
+pid_t startChild(bool spin) {
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    volatile uint64_t n = 0;
+    while (true) {
+      if (spin) {
+        n = n + 1;
+      } else {
+        ::pause();
+      }
+    }
+  }
+  return pid;
+}
+
+void endChild(pid_t pid) {
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+}
+
+TEST(LinuxProcessSourceLive, FindsASpinningChildWithGrowingCpuTime) {
+  auto source = makeLinuxProcessSource("/", {});
+  pid_t child = startChild(true);
+  ASSERT_GT(child, 0);
+  std::vector<int32_t> pids;
+  source->listPids(pids);
+  EXPECT_NE(std::find(pids.begin(), pids.end(), child), pids.end());
+  auto first = source->counters(child);
+  ASSERT_TRUE(first);
+  EXPECT_FALSE(first->kernelThread);
+  EXPECT_GT(first->memory, 0u);
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  std::optional<ProcessCounters> later;
+  do {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    later = source->counters(child);
+  } while (later && later->cpuNs < first->cpuNs + 100'000'000 &&
+           std::chrono::steady_clock::now() < deadline);
+  ASSERT_TRUE(later);
+  EXPECT_GE(later->cpuNs, first->cpuNs + 100'000'000);
+  EXPECT_EQ(later->startKey, first->startKey);
+
+  auto id = source->identity(child);
+  ASSERT_TRUE(id);
+  EXPECT_EQ(id->ppid, ::getpid());
+  EXPECT_EQ(id->uid, ::getuid());
+  EXPECT_EQ(id->path, readLink("/proc/self/exe").value_or("?"));
+  ASSERT_TRUE(id->started);
+  double age = secondsSince1970(std::chrono::system_clock::now()) - secondsSince1970(*id->started);
+  EXPECT_GT(age, -2.0);
+  EXPECT_LT(age, 120.0);
+  endChild(child);
+}
+
+TEST(LinuxProcessSourceLive, ForgetClosesTheHeldFiles) {
+  auto source = makeLinuxProcessSource("/", {});
+  pid_t child = startChild(false);
+  ASSERT_GT(child, 0);
+  size_t before = openDescriptors();
+  ASSERT_TRUE(source->counters(child));
+  EXPECT_GT(openDescriptors(), before);
+  source->forget(child);
+  EXPECT_EQ(openDescriptors(), before);
+  endChild(child);
+}
+
+TEST(LinuxProcessSourceLive, AProcessThatEndsBeforeItsReadingIsUnreadable) {
+  auto source = makeLinuxProcessSource("/", {});
+  pid_t held = startChild(false);
+  pid_t unseen = startChild(false);
+  ASSERT_GT(held, 0);
+  ASSERT_GT(unseen, 0);
+  std::vector<int32_t> pids;
+  source->listPids(pids);
+  EXPECT_NE(std::find(pids.begin(), pids.end(), unseen), pids.end());
+  size_t before = openDescriptors();
+  ASSERT_TRUE(source->counters(held));
+  endChild(held);
+  endChild(unseen);
+  EXPECT_FALSE(source->counters(held));  // its held files now fail
+  EXPECT_FALSE(source->counters(unseen));
+  EXPECT_EQ(openDescriptors(), before);  // and were let go
+}
+
+}  // namespace
+}  // namespace vistrel
