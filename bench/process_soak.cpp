@@ -23,13 +23,14 @@ int main(int argc, char** argv) {
   CPUStat cpu;
   MemoryStat memory;
   memory.total = 1ull << 34;
-  size_t warmup = 200, rssStart = 0, maxLast = 0, maxInfo = 0, live = 0;
+  size_t warmup = 200, rssStart = 0, maxLast = 0, maxInfo = 0, live = 0, appCount = 0;
   for (int i = 0; i < ticks; ++i) {
     churn.endOldest();
     churn.startOne();
     auto samples = layer->sampler.sample(i % 3 == 0, 9.5, true);
-    auto apps = layer->grouper.group(samples, layer->queries, {}, cpu, memory,
-                                     layer->sampler.hidden());
+    auto apps =
+        layer->grouper.group(samples, layer->queries, {}, cpu, memory, layer->sampler.hidden());
+    appCount = apps.size();
     live = samples.size() + static_cast<size_t>(layer->sampler.hidden());
     auto sizes = layer->sampler.memorySizes();
     if (static_cast<size_t>(i) >= warmup) {
@@ -43,6 +44,7 @@ int main(int argc, char** argv) {
   std::printf("ticks: %d\n", ticks);
   std::printf("processes started and ended: %d\n", ticks);
   std::printf("live pids at end: %zu\n", live);
+  std::printf("apps at end: %zu\n", appCount);
   std::printf("rss after warm-up: %.1f MB\n", rssStart / 1e6);
   std::printf("rss at end: %.1f MB\n", bench::residentBytes() / 1e6);
   std::printf("map last at end: %zu\n", sizes.last);
