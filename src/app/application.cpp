@@ -10,6 +10,8 @@
 #include <thread>
 
 #include "app/status_line.hpp"
+#include "base/paths.hpp"
+#include "processes/process_stages.hpp"
 
 namespace vistrel {
 
@@ -28,6 +30,8 @@ ApplicationOptions ApplicationOptions::fromEnvironment() {
 Application::Application(ApplicationOptions options, SamplerParts parts, ManualMainQueue& main,
                          const Clock& clock)
     : options_(options), main_(main), sampler_(Sampler::create(std::move(parts), main, clock)) {
+  history_ = std::make_unique<HistoryStore>(
+      options_.historyFolder.empty() ? supportFolder() : options_.historyFolder, main_, clock);
   // The receiver runs on the main queue; the sampler is owned here and outlives every call.
   sampler_->setOnSnapshot([this](Snapshot s) { receive(std::move(s)); });
 }
@@ -39,8 +43,18 @@ Application::~Application() {
 }
 
 int Application::run() {
+  if (std::getenv("VISTREL_DEBUG")) {
+    history_->size([path = history_->path()](HistorySize size) {
+      std::fprintf(stderr, "history: %s, %lld minute rows, oldest %lld, %lld bytes\n", path.c_str(),
+                   static_cast<long long>(size.minuteRows),
+                   static_cast<long long>(size.oldest.value_or(0)),
+                   static_cast<long long>(size.bytes));
+    });
+  }
   sampler_->start(options_.interval);
   main_.run();
+  // The minute under way would be lost otherwise; SIGINT and SIGTERM end `run` through here.
+  history_->flushNow();
   return 0;
 }
 
@@ -55,6 +69,7 @@ void Application::receive(Snapshot snapshot) {
     std::fprintf(stdout, "%s\n", line.c_str());
     std::fflush(stdout);
   }
+  history_->record(snapshot);
   latest_ = std::move(snapshot);
   if (options_.quitAfterTicks && received_ >= *options_.quitAfterTicks) requestQuit();
 }
@@ -72,7 +87,9 @@ int runApplicationMode() {
   ManualMainQueue main;
   int status = 0;
   {
-    Application app(ApplicationOptions::fromEnvironment(), SamplerParts{}, main);
+    SamplerParts parts;
+    installProcessStages(parts, makeProcessLayer());
+    Application app(ApplicationOptions::fromEnvironment(), std::move(parts), main);
     std::thread waiter([&signals, &app] {
       int received = 0;
       if (sigwait(&signals, &received) == 0 && received != 0) app.requestQuit();

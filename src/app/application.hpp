@@ -3,9 +3,11 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "base/clock.hpp"
 #include "base/main_queue.hpp"
+#include "history/history_store.hpp"
 #include "sampling/records.hpp"
 #include "sampling/sampler.hpp"
 
@@ -16,6 +18,7 @@ struct ApplicationOptions {
   double interval = 2;                // seconds between ticks
   std::optional<int> quitAfterTicks;  // VISTREL_TEST_QUIT: end after this many snapshots
   bool printStatus = false;           // one status line per tick on standard output (a terminal)
+  std::string historyFolder;          // where history.sqlite lives; empty: the support folder
 
   static ApplicationOptions fromEnvironment();
 };
@@ -35,6 +38,7 @@ class Application {
 
   const std::optional<Snapshot>& latest() const { return latest_; }
   int snapshotsReceived() const { return received_; }
+  HistoryStore& history() { return *history_; }
 
  private:
   void receive(Snapshot snapshot);
@@ -44,6 +48,8 @@ class Application {
   std::shared_ptr<Sampler> sampler_;
   std::optional<Snapshot> latest_;
   int received_ = 0;
+  // Records every snapshot; without a usable database it runs empty and the application goes on.
+  std::unique_ptr<HistoryStore> history_;
 };
 
 // The application mode of the executable: blocks SIGINT and SIGTERM, turns them into a clean quit,
