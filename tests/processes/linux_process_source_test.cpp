@@ -220,6 +220,52 @@ TEST(LinuxProcessSource, ReReadsHeldFilesAndNoticesAReusedPid) {
   EXPECT_TRUE(source->counters(4001));
 }
 
+TEST(LinuxProcessSource, AnIdleProcessKeepsItsLastMemoryAndStorageFigures) {
+  Tree tree;
+  ManualClock clock;
+  auto source = tree.source(clock);
+  std::vector<int32_t> pids;
+  source->listPids(pids);
+  tree.overwrite("proc/4001/stat", statText(4001, "tool", 100, 5000));
+  auto first = source->counters(4001);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->memory, bytesOfPages(2560 - 512));
+  EXPECT_EQ(first->diskWrite, 8192u);
+
+  struct Step {
+    const char* name;
+    double advance;
+    uint64_t utime;
+    uint64_t statmResident;
+    uint64_t writeBytes;
+    uint64_t expectMemoryPages;
+    uint64_t expectWrite;
+  } steps[] = {
+      // Not run since the last tick: the files are not read again.
+      {"idle", 2, 100, 3000, 9000, 2560 - 512, 8192},
+      {"still idle within the refresh period", 12, 100, 3100, 9100, 2560 - 512, 8192},
+      // It ran: everything is read.
+      {"ran", 1, 101, 3200, 9200, 3200 - 512, 9200},
+      // Idle, but the slow refresh is due (memory may shrink under reclaim).
+      {"idle for longer than the refresh period", 16, 101, 2000, 9200, 2000 - 512, 9200},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.name);
+    clock.advance(step.advance);
+    source->listPids(pids);
+    tree.overwrite("proc/4001/stat", statText(4001, "tool", step.utime, 5000));
+    tree.overwrite("proc/4001/statm", std::to_string(step.statmResident + 2000) + " " +
+                                          std::to_string(step.statmResident) +
+                                          " 512 10 0 3000 0\n");
+    tree.overwrite("proc/4001/io",
+                   "read_bytes: 4096\nwrite_bytes: " + std::to_string(step.writeBytes) + "\n");
+    auto c = source->counters(4001);
+    ASSERT_TRUE(c);
+    EXPECT_EQ(c->memory, bytesOfPages(step.expectMemoryPages));
+    EXPECT_EQ(c->diskWrite, step.expectWrite);
+  }
+}
+
 TEST(LinuxProcessSource, GpuTimesFromDrmDescriptorsOnASlowRescan) {
   Tree tree;
   ManualClock clock;

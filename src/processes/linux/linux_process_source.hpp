@@ -35,6 +35,8 @@ inline constexpr int kDrmBackoffSteps = 3;
 // How long "no desktop entry for this app id" is believed, in seconds (an app may be installed
 // meanwhile). Found entries are kept for the source's life.
 inline constexpr double kDesktopMissSeconds = 600;
+// How long the memory and storage figures of a process that has not run are reused (seconds).
+inline constexpr double kIdleRefreshSeconds = 15;
 
 // Runs the process-status tool and returns its output; empty when it cannot run.
 using PsRunner = std::function<std::string()>;

@@ -92,6 +92,7 @@ class LinuxProcessSource final : public ProcessSource {
   LinuxProcessSource& operator=(const LinuxProcessSource&) = delete;
 
   void listPids(std::vector<int32_t>& out) override {
+    tickNow_ = clock_.uptime();  // one instant for the whole tick's reuse decisions
     out.clear();
     DIR* dir = ::opendir(procDir_.c_str());
     if (!dir) return;
@@ -221,6 +222,10 @@ class LinuxProcessSource final : public ProcessSource {
     std::vector<int> drmFds;  // the process's descriptors open on /dev/dri
     double drmNextScan = 0;
     int drmEmptyScans = 0;  // scans in a row that found none
+    // The last full reading, reused while the process does not run.
+    uint64_t lastTicks = 0;
+    double fullAt = 0;  // uptime seconds
+    uint64_t memory = 0, diskRead = 0, diskWrite = 0;
   };
 
   enum class Outcome { ok, gone, garbage };
@@ -252,6 +257,18 @@ class LinuxProcessSource final : public ProcessSource {
     out.cpuNs = mulSat(ticks, 1'000'000'000) / clockTicks_;
     if (t.kernel) return Outcome::ok;  // no memory or storage of its own
 
+    // A process that has not run since the last tick cannot have touched memory or storage: most
+    // processes sleep, and skipping their statm and io halves a tick. Memory can still shrink
+    // under reclaim, so the full reading is renewed on a slow clock.
+    if (!fresh && ticks == t.lastTicks && tickNow_ - t.fullAt < kIdleRefreshSeconds) {
+      out.memory = t.memory;
+      out.diskRead = t.diskRead;
+      out.diskWrite = t.diskWrite;
+      return Outcome::ok;
+    }
+    t.lastTicks = ticks;
+    t.fullAt = tickNow_;
+
     n = readPerTick(pid, "statm", t.statm);
     if (n == kGone || n == kNoFile) return Outcome::gone;
     if (n >= 0) {
@@ -274,6 +291,9 @@ class LinuxProcessSource final : public ProcessSource {
         closeHeld(t.io);
       }
     }
+    t.memory = out.memory;
+    t.diskRead = out.diskRead;
+    t.diskWrite = out.diskWrite;
     return Outcome::ok;
   }
 
@@ -403,6 +423,7 @@ class LinuxProcessSource final : public ProcessSource {
   std::string procDir_;
   DesktopEntryFinder desktops_;
   const Clock& clock_;
+  double tickNow_ = 0;  // uptime at the start of the current tick
   PsRunner ps_;
   uid_t euid_;
   uint64_t clockTicks_ = 100;
