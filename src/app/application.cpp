@@ -17,7 +17,7 @@ namespace vistrel {
 
 namespace {
 // Snapshots before an automated start-up run ends: enough for the CPU reader's second reading.
-constexpr int kTestQuitTicks = 3;
+constexpr int kTestQuitTicks = 2;
 }  // namespace
 
 ApplicationOptions ApplicationOptions::fromEnvironment() {
@@ -28,17 +28,24 @@ ApplicationOptions ApplicationOptions::fromEnvironment() {
 }
 
 Application::Application(ApplicationOptions options, SamplerParts parts, ManualMainQueue& main,
-                         const Clock& clock)
-    : options_(options), main_(main), sampler_(Sampler::create(std::move(parts), main, clock)) {
+                         const Clock& clock, std::unique_ptr<UserDefaults> defaults)
+    : options_(std::move(options)),
+      main_(main),
+      defaults_(defaults ? std::move(defaults) : makeUserDefaults()),
+      sampler_(Sampler::create(std::move(parts), main, clock)) {
   history_ = std::make_unique<HistoryStore>(
       options_.historyFolder.empty() ? supportFolder() : options_.historyFolder, main_, clock);
-  // The receiver runs on the main queue; the sampler is owned here and outlives every call.
-  sampler_->setOnSnapshot([this](Snapshot s) { receive(std::move(s)); });
+  model_ = std::make_unique<Model>(
+      Model::Parts{sampler_, history_.get(), defaults_.get(), /*notifier=*/nullptr}, clock);
+  model_->hooks.onSample = [this] { sampled(); };
+  // A terminal printing every sample is someone watching: sample at the user's interval, as for
+  // an open panel, instead of the background's slower one.
+  if (options_.printStatus) model_->setPanelVisible(true);
 }
 
 Application::~Application() {
-  // Stop ticking before the receiver's target goes away; queued hand-offs are dropped with the
-  // sampler (they hold it weakly).
+  // Stop ticking before the model goes; queued hand-offs find the sampler gone and do nothing.
+  sampler_->setOnSnapshot(nullptr);
   sampler_.reset();
 }
 
@@ -51,7 +58,7 @@ int Application::run() {
                    static_cast<long long>(size.bytes));
     });
   }
-  sampler_->start(options_.interval);
+  model_->start();
   main_.run();
   // The minute under way would be lost otherwise; SIGINT and SIGTERM end `run` through here.
   history_->flushNow();
@@ -62,15 +69,13 @@ void Application::requestQuit() {
   main_.quit();
 }
 
-void Application::receive(Snapshot snapshot) {
+void Application::sampled() {
   ++received_;
-  if (options_.printStatus) {
-    std::string line = statusLine(snapshot);
+  if (options_.printStatus && model_->latest()) {
+    std::string line = statusLine(*model_->latest());
     std::fprintf(stdout, "%s\n", line.c_str());
     std::fflush(stdout);
   }
-  history_->record(snapshot);
-  latest_ = std::move(snapshot);
   if (options_.quitAfterTicks && received_ >= *options_.quitAfterTicks) requestQuit();
 }
 

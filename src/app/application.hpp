@@ -1,21 +1,20 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "app/model.hpp"
 #include "base/clock.hpp"
 #include "base/main_queue.hpp"
+#include "base/user_defaults.hpp"
 #include "history/history_store.hpp"
-#include "sampling/records.hpp"
 #include "sampling/sampler.hpp"
 
 namespace vistrel {
 
 // Options of the application mode, read from the environment by `fromEnvironment`.
 struct ApplicationOptions {
-  double interval = 2;                // seconds between ticks
   std::optional<int> quitAfterTicks;  // VISTREL_TEST_QUIT: end after this many snapshots
   bool printStatus = false;           // one status line per tick on standard output (a terminal)
   std::string historyFolder;          // where history.sqlite lives; empty: the support folder
@@ -23,33 +22,36 @@ struct ApplicationOptions {
   static ApplicationOptions fromEnvironment();
 };
 
-// The application without a window: the sampler with the real readers, a receiver on the main queue
-// that keeps the latest snapshot, and a clean end on request. Runs on the calling (main) thread.
+// The application without a window: the model with its sampler, history and alerts, run on the
+// calling (main) thread until asked to end.
 class Application {
  public:
+  // `defaults` null: the platform's user defaults.
   Application(ApplicationOptions options, SamplerParts parts, ManualMainQueue& main,
-              const Clock& clock = Clock::system());
+              const Clock& clock = Clock::system(), std::unique_ptr<UserDefaults> defaults = {});
   ~Application();
 
-  // Starts the sampler and runs the main queue until `requestQuit`. Returns the exit status.
+  // Starts the model and runs the main queue until `requestQuit`, then writes the minute in
+  // progress to the history. Returns the exit status.
   int run();
   // Thread-safe: ends `run` after the tasks already posted.
   void requestQuit();
 
-  const std::optional<Snapshot>& latest() const { return latest_; }
-  int snapshotsReceived() const { return received_; }
+  Model& model() { return *model_; }
   HistoryStore& history() { return *history_; }
+  int snapshotsReceived() const { return received_; }
 
  private:
-  void receive(Snapshot snapshot);
+  void sampled();
 
   ApplicationOptions options_;
   ManualMainQueue& main_;
+  std::unique_ptr<UserDefaults> defaults_;
   std::shared_ptr<Sampler> sampler_;
-  std::optional<Snapshot> latest_;
-  int received_ = 0;
   // Records every snapshot; without a usable database it runs empty and the application goes on.
   std::unique_ptr<HistoryStore> history_;
+  std::unique_ptr<Model> model_;
+  int received_ = 0;
 };
 
 // The application mode of the executable: blocks SIGINT and SIGTERM, turns them into a clean quit,

@@ -18,8 +18,8 @@ std::string statusLine(const Snapshot& s) {
   // The app weighing most on the machine, when it weighs anything at all.
   if (!s.apps.empty() && s.apps.front().impact >= 1) {
     const AppUsage& top = s.apps.front();
-    line += "  Busiest: " + top.name + " (CPU " + Fmt::appMetricValue(Metric::cpu, top.cpu) +
-            ", " + Fmt::mem(top.memory) + ")";
+    line += "  Busiest: " + top.name + " (CPU " + Fmt::appMetricValue(Metric::cpu, top.cpu) + ", " +
+            Fmt::mem(top.memory) + ")";
   }
   return line;
 }
