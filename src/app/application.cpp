@@ -99,8 +99,7 @@ int runApplicationMode() {
       int received = 0;
       if (sigwait(&signals, &received) == 0 && received != 0) app.requestQuit();
     });
-    std::fprintf(stderr,
-                 "vistrel: sampling the machine every 2 s without a window; Ctrl-C stops\n");
+    std::fprintf(stderr, "vistrel: running without a window; Ctrl-C stops\n");
     status = app.run();
     // Wake the waiter if the run ended on its own (VISTREL_TEST_QUIT).
     pthread_kill(waiter.native_handle(), SIGTERM);
