@@ -45,8 +45,8 @@ struct ProcStat {
   std::string comm;
   char state = '?';
   int32_t ppid = 0;
-  uint64_t utime = 0;  // clock ticks
-  uint64_t stime = 0;  // clock ticks
+  uint64_t utime = 0;      // clock ticks
+  uint64_t stime = 0;      // clock ticks
   uint64_t starttime = 0;  // clock ticks after boot
   uint32_t flags = 0;      // PF_KTHREAD (0x00200000) marks a kernel thread
   bool operator==(const ProcStat&) const = default;

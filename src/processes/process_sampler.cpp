@@ -45,7 +45,8 @@ const ProcessSampler::Info* ProcessSampler::infoFor(int32_t pid, uint64_t startK
   // were started by.
   if (!info.name.empty() && std::isdigit(static_cast<unsigned char>(info.name.front()))) {
     auto args = source_->arguments(pid);
-    if (!args.empty() && !args.front().empty()) info.name = std::string(lastComponent(args.front()));
+    if (!args.empty() && !args.front().empty())
+      info.name = std::string(lastComponent(args.front()));
   }
   auto [slot, inserted] = info_.insert_or_assign(pid, std::move(info));
   (void)inserted;
@@ -115,12 +116,13 @@ std::vector<ProcessSample> ProcessSampler::sample(bool network, double psEvery, 
     if (last != last_.end() && last->second.time < now) {
       const Last& l = last->second;
       double dt = now - l.time;
-      s.cpu = perSecond(counters->cpuNs, l.cpuNs, dt) / 1e9 * 100;  // percent of one core
+      s.cpu = perSecond(counters->cpuNs, l.cpuNs, dt) / 1e9 * 100;     // percent of one core
       s.energy = perSecond(counters->energyNj, l.energyNj, dt) / 1e9;  // watts
       s.diskRead = perSecond(counters->diskRead, l.read, dt);
       s.diskWrite = perSecond(counters->diskWrite, l.write, dt);
     }
-    last_[pid] = {counters->cpuNs, counters->energyNj, counters->diskRead, counters->diskWrite, now};
+    last_[pid] = {counters->cpuNs, counters->energyNj, counters->diskRead, counters->diskWrite,
+                  now};
 
     if (gpu) gpuShare_[pid] = gpuShareFor(pid, gpuTimes, now);
     if (auto share = gpuShare_.find(pid); share != gpuShare_.end()) s.gpu = share->second;

@@ -14,13 +14,13 @@ namespace vistrel {
 // Counters of one process, read every tick. Cumulative values only: the process sampler turns them
 // into rates between ticks.
 struct ProcessCounters {
-  uint64_t cpuNs = 0;      // user + system CPU time over the process's life, nanoseconds
-  uint64_t energyNj = 0;   // energy over the process's life, nanojoules (0 where there is none)
-  uint64_t diskRead = 0;   // bytes read from storage over the process's life
-  uint64_t diskWrite = 0;  // bytes written
-  uint64_t memory = 0;     // footprint now, bytes
-  uint64_t startKey = 0;   // the process's start time in the platform's units: a new value means
-                           // the pid now names another process
+  uint64_t cpuNs = 0;         // user + system CPU time over the process's life, nanoseconds
+  uint64_t energyNj = 0;      // energy over the process's life, nanojoules (0 where there is none)
+  uint64_t diskRead = 0;      // bytes read from storage over the process's life
+  uint64_t diskWrite = 0;     // bytes written
+  uint64_t memory = 0;        // footprint now, bytes
+  uint64_t startKey = 0;      // the process's start time in the platform's units: a new value means
+                              // the pid now names another process
   bool kernelThread = false;  // a kernel task with no program of its own (Linux): counted with the
                               // system's unattributed share, never shown as an app
 };
@@ -50,9 +50,9 @@ struct PsRow {
   int32_t pid = 0;
   int32_t ppid = 0;
   uint32_t uid = 0;
-  double cpu = 0;     // percent of one core, as the tool reports it
-  uint64_t rss = 0;   // bytes
-  std::string path;   // the command: executable path (may hold spaces)
+  double cpu = 0;    // percent of one core, as the tool reports it
+  uint64_t rss = 0;  // bytes
+  std::string path;  // the command: executable path (may hold spaces)
   bool operator==(const PsRow&) const = default;
 };
 
