@@ -93,6 +93,14 @@ std::string Statement::text(int column) const {
   return p ? std::string(reinterpret_cast<const char*>(p), static_cast<size_t>(n)) : std::string();
 }
 
+std::string_view Statement::textView(int column) const {
+  if (!stmt_) return {};
+  const unsigned char* p = sqlite3_column_text(stmt_, column);
+  int n = sqlite3_column_bytes(stmt_, column);
+  return p ? std::string_view(reinterpret_cast<const char*>(p), static_cast<size_t>(n))
+           : std::string_view();
+}
+
 std::optional<int64_t> Statement::optionalInt64(int column) const {
   if (isNull(column)) return std::nullopt;
   return int64(column);

@@ -64,6 +64,9 @@ class Statement {
   int64_t int64(int column) const;
   double real(int column) const;
   std::string text(int column) const;
+  // The text without a copy; valid until the next step, reset or read of the same column as
+  // another type.
+  std::string_view textView(int column) const;
   std::optional<int64_t> optionalInt64(int column) const;
   std::optional<double> optionalReal(int column) const;
 

@@ -46,6 +46,33 @@ std::map<int64_t, int64_t> rowsPerBucket(Database& db, TimeSpan span, int64_t fr
   return counts;
 }
 
+// The ranking over every row of the span: the apps' sums, sorted.
+std::vector<RankedApp> rankBySql(Database& db, const std::string& c, TimeSpan span, int64_t from,
+                                 int limit) {
+  std::string sql = "SELECT app, MAX(name), SUM(" + c + ") FROM " + appRange(appTable(span)) +
+                    " WHERE t >= ? GROUP BY app ORDER BY SUM(" + c + ") DESC, app LIMIT ?";
+  Statement s = db.prepare(sql);
+  s.bindAll(from, limit);
+  std::vector<RankedApp> apps;
+  while (s.next()) apps.push_back({s.text(0), s.text(1), s.real(2), {}});
+  return apps;
+}
+
+// Each ranked app's figures per bucket of the span, read through the (app, t) index.
+void readSeries(Database& db, const std::string& c, TimeSpan span, int64_t from,
+                std::vector<RankedApp>& apps) {
+  std::string b = std::to_string(bucket(span));
+  Statement s = db.prepare("SELECT " + bucketKey(span) + " AS k, SUM(" + c + "), MAX(" + c +
+                           "), COUNT(*) FROM " + std::string(appTable(span)) +
+                           " WHERE app = ? AND t >= ? GROUP BY t/" + b + " ORDER BY k");
+  for (RankedApp& app : apps) {
+    app.buckets.clear();
+    s.reset();
+    s.bindAll(app.app, from);
+    while (s.next()) app.buckets.push_back({s.int64(0), s.real(1), s.real(2), s.int64(3)});
+  }
+}
+
 }  // namespace
 
 std::string_view HistoryQueries::column(Metric m) {
@@ -93,38 +120,31 @@ std::vector<HistoryPoint> HistoryQueries::series(Database& db, Metric m, TimeSpa
 }
 
 std::vector<AppHistory> HistoryQueries::topApps(Database& db, Metric m, TimeSpan span, int limit,
-                                                int64_t now) {
+                                                int64_t now, const AppSlots* slots) {
   auto col = appColumn(m);
   if (!col || limit <= 0) return {};
   std::string c(*col);
-  std::string table(appTable(span));
   int64_t from = spanStart(span, now);
-  std::string sql = "SELECT app, MAX(name), SUM(" + c + ") FROM " + appRange(table) +
-                    " WHERE t >= ? GROUP BY app ORDER BY SUM(" + c + ") DESC, app LIMIT ?";
-  Statement ranked = db.prepare(sql);
-  ranked.bindAll(from, limit);
-  std::vector<AppHistory> apps;
-  while (ranked.next()) {
-    apps.push_back({ranked.text(0), ranked.text(1), ranked.real(2), {}});
+  bool fromSlots = false;
+  std::vector<RankedApp> ranked;
+  if (slots) ranked = slots->rank(db, c, from, limit, bucket(span), fromSlots);
+  if (!fromSlots) ranked = rankBySql(db, c, span, from, limit);
+  if (ranked.empty()) return {};
+  if (!fromSlots || bucket(span) % slots->slotSeconds() != 0) {
+    readSeries(db, c, span, from, ranked);
   }
-  if (apps.empty()) return apps;
 
   int64_t rows = std::max<int64_t>(1, rowCount(db, systemTable(span), from));
   auto perBucket = rowsPerBucket(db, span, from);
-  std::string b = std::to_string(bucket(span));
-  Statement series = db.prepare("SELECT " + bucketKey(span) + " AS k, SUM(" + c + "), MAX(" + c +
-                                "), COUNT(*) FROM " + table +
-                                " WHERE app = ? AND t >= ? GROUP BY t/" + b + " ORDER BY k");
-  for (AppHistory& app : apps) {
+  std::vector<AppHistory> apps;
+  for (RankedApp& r : ranked) {
+    AppHistory& app =
+        apps.emplace_back(AppHistory{std::move(r.app), std::move(r.name), r.total, {}});
     app.average /= static_cast<double>(rows);
-    series.reset();
-    series.bindAll(app.app, from);
-    while (series.next()) {
-      int64_t k = series.int64(0);
-      auto found = perBucket.find(k);
-      int64_t n =
-          found != perBucket.end() ? std::max(found->second, series.int64(3)) : series.int64(3);
-      app.series.push_back({k, series.real(1) / static_cast<double>(n), series.real(2)});
+    for (const AppBucket& b : r.buckets) {
+      auto found = perBucket.find(b.time);
+      int64_t n = found != perBucket.end() ? std::max(found->second, b.rows) : b.rows;
+      app.series.push_back({b.time, b.sum / static_cast<double>(n), b.peak});
     }
   }
   return apps;

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "history/app_slots.hpp"
 #include "history/database.hpp"
 #include "history/time_span.hpp"
 #include "sampling/records.hpp"
@@ -29,9 +30,12 @@ struct HistoryQueries {
   static std::vector<HistoryPoint> series(Database& db, Metric m, TimeSpan span, int64_t now);
 
   // The `limit` apps with the largest total of the metric over the span, highest first (ties by
-  // app id), each with its average over the span's recorded rows and its series per bucket.
+  // app id), each with its average over the span's recorded rows and its series per bucket. With
+  // `slots` (those of the span's app table) fresh, the ranking, and the series when the span's
+  // bucket is made of whole slots, come from them and the rows before the first whole slot;
+  // otherwise from SQL over every row of the span. Both give the same answer.
   static std::vector<AppHistory> topApps(Database& db, Metric m, TimeSpan span, int limit,
-                                         int64_t now);
+                                         int64_t now, const AppSlots* slots = nullptr);
 
   // The `limit` apps with the highest average of the metric within the span's bucket holding
   // `time`, as (name, average) pairs, highest first.

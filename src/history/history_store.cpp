@@ -70,6 +70,19 @@ void HistoryStore::open() {
   db_ = HistoryFile::open(folder_, clock_.now());
   writer_ = db_ ? std::make_unique<MinuteWriter>(db_) : nullptr;
   lastRollup_ = db_ ? Rollup::readLastRollup(db_) : 0;
+  // Reading a year of app rows takes a while, so it runs now, on the queue, rather than in the
+  // first top-apps query.
+  minuteSlots_.clear();
+  hourSlots_.clear();
+  if (db_) {
+    minuteSlots_.rebuild(db_);
+    hourSlots_.rebuild(db_);
+  }
+}
+
+void HistoryStore::invalidateSlots() {
+  minuteSlots_.invalidate();
+  hourSlots_.invalidate();
 }
 
 bool HistoryStore::isOpen() {
@@ -102,6 +115,9 @@ void HistoryStore::flush() {
   minute_.reset();
   if (!db_) return;
   recoverIfDamaged(writer_->write(rows));
+  // Re-read the minute's slot whether the write succeeded or not: the row may have replaced one
+  // written before (a restart within the minute), and a failed write was rolled back.
+  if (db_) minuteSlots_.reload(db_, rows.t, rows.t + 60);
   rollupIfNeeded();
 }
 
@@ -131,30 +147,53 @@ void HistoryStore::rollupIfNeeded() {
   if (lastRollup_ >= hour) return;
   // One transaction: a process killed half-way leaves neither hour rows without the mark nor
   // deleted minutes without their hours.
+  int64_t from = lastRollup_;
   Transaction transaction(db_);
-  int rc = Rollup::hours(db_, lastRollup_, hour);
-  if (rc == SQLITE_OK) rc = Rollup::deleteMinutesBefore(db_, hour - Rollup::kMinuteKeepSeconds);
-  if (rc == SQLITE_OK) {
-    rc = Rollup::deleteHoursBefore(db_, hour - static_cast<int64_t>(retentionDays_) * kDay);
-  }
+  int rc = Rollup::hours(db_, from, hour);
+  int64_t minuteCut = hour - Rollup::kMinuteKeepSeconds;
+  int64_t hourCut = hour - static_cast<int64_t>(retentionDays_) * kDay;
+  if (rc == SQLITE_OK) rc = Rollup::deleteMinutesBefore(db_, minuteCut);
+  if (rc == SQLITE_OK) rc = Rollup::deleteHoursBefore(db_, hourCut);
   if (rc == SQLITE_OK) rc = Rollup::writeLastRollup(db_, hour);
   if (rc == SQLITE_OK && transaction.active()) rc = transaction.commit();
   // On a failure (a full disk) the mark stays, so the next minute tries these hours again.
-  if (rc == SQLITE_OK) lastRollup_ = hour;
+  if (rc == SQLITE_OK) {
+    lastRollup_ = hour;
+    hourSlots_.reload(db_, from, hour);
+    minuteSlots_.dropBefore(db_, minuteCut);
+    hourSlots_.dropBefore(db_, hourCut);
+  } else {
+    // Whatever part of the transaction took effect, the slots are rebuilt from the tables.
+    invalidateSlots();
+  }
   recoverIfDamaged(rc);
 }
 
 void HistoryStore::applyRetention(int days) {
   queue_.async([this, days] {
     retentionDays_ = days;
-    if (db_) Rollup::deleteHoursBefore(db_, nowSeconds() - static_cast<int64_t>(days) * kDay);
+    if (!db_) return;
+    int64_t cut = nowSeconds() - static_cast<int64_t>(days) * kDay;
+    if (Rollup::deleteHoursBefore(db_, cut) == SQLITE_OK) {
+      hourSlots_.dropBefore(db_, cut);
+    } else {
+      hourSlots_.invalidate();
+    }
   });
 }
 
 void HistoryStore::eraseOnQueue() {
   if (db_) {
+    int rc = SQLITE_OK;
     for (const char* table : {"sys_min", "sys_hour", "app_min", "app_hour"}) {
-      db_.exec(std::string("DELETE FROM ") + table);
+      int tableRc = db_.exec(std::string("DELETE FROM ") + table);
+      if (rc == SQLITE_OK) rc = tableRc;
+    }
+    if (rc == SQLITE_OK) {
+      minuteSlots_.clear();
+      hourSlots_.clear();
+    } else {
+      invalidateSlots();
     }
     // Deleted rows only free pages inside the file; VACUUM gives the space back to the disk, and
     // the checkpoint empties the write-ahead log that VACUUM just filled.
@@ -182,7 +221,10 @@ std::vector<HistoryPoint> HistoryStore::seriesOnQueue(Metric m, TimeSpan span) {
 
 std::vector<AppHistory> HistoryStore::topAppsOnQueue(Metric m, TimeSpan span, int limit) {
   if (!db_) return {};
-  return HistoryQueries::topApps(db_, m, span, limit, nowSeconds());
+  AppSlots& slots = usesHours(span) ? hourSlots_ : minuteSlots_;
+  // Stale slots are rebuilt once; if even that fails, the query reads every row of the span.
+  if (!slots.fresh()) slots.rebuild(db_);
+  return HistoryQueries::topApps(db_, m, span, limit, nowSeconds(), &slots);
 }
 
 HistoryStore::AppValues HistoryStore::appsAtOnQueue(Metric m, TimeSpan span, int64_t time,
@@ -264,7 +306,18 @@ int64_t HistoryStore::lastRollup() {
 }
 
 void HistoryStore::withDatabase(const std::function<void(Database*)>& work) {
-  queue_.sync([&] { work(db_ ? &db_ : nullptr); });
+  queue_.sync([&] {
+    work(db_ ? &db_ : nullptr);
+    invalidateSlots();
+  });
+}
+
+HistoryStore::SlotsState HistoryStore::slotsState() {
+  return queue_.syncValue([&] {
+    return SlotsState{minuteSlots_.entryCount() + hourSlots_.entryCount(),
+                      minuteSlots_.approximateBytes() + hourSlots_.approximateBytes(),
+                      minuteSlots_.fresh() && hourSlots_.fresh()};
+  });
 }
 
 }  // namespace vistrel

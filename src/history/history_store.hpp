@@ -20,6 +20,7 @@
 #include "base/clock.hpp"
 #include "base/main_queue.hpp"
 #include "base/serial_queue.hpp"
+#include "history/app_slots.hpp"
 #include "history/database.hpp"
 #include "history/minute_accumulator.hpp"
 #include "history/minute_writer.hpp"
@@ -89,7 +90,17 @@ class HistoryStore {
   // The end of the last rolled-up hour (seconds since 1970), 0 before the first roll-up.
   int64_t lastRollup();
   // Runs `work` on the queue with the database (null without one) and waits: maintenance and tests.
+  // The work may change any row, so the top-apps slots are rebuilt before their next use.
   void withDatabase(const std::function<void(Database*)>& work);
+  // What the top-apps slots hold: (app, slot) pairs, their approximate bytes, and whether both
+  // tables' slots are in step with the database (false until a query rebuilds them after
+  // `withDatabase`).
+  struct SlotsState {
+    size_t entries = 0;
+    size_t bytes = 0;
+    bool fresh = false;
+  };
+  SlotsState slotsState();
 
  private:
   int64_t nowSeconds() const;
@@ -98,6 +109,7 @@ class HistoryStore {
   void flush();
   void rollupIfNeeded();
   void recoverIfDamaged(int rc);
+  void invalidateSlots();
   void eraseOnQueue();
   std::vector<HistoryPoint> seriesOnQueue(Metric m, TimeSpan span);
   std::vector<AppHistory> topAppsOnQueue(Metric m, TimeSpan span, int limit);
@@ -115,6 +127,10 @@ class HistoryStore {
   Database db_;
   std::unique_ptr<MinuteWriter> writer_;
   MinuteAccumulator minute_;
+  // Per-app sums of the app tables by half hour and by day, kept in step with every change to
+  // those tables (see AppSlots).
+  AppSlots minuteSlots_{"app_min", 1800};
+  AppSlots hourSlots_{"app_hour", 86400};
   int64_t lastRollup_ = 0;
   int retentionDays_;
   // Last member: destroyed first, so no queued task outlives the state above.
