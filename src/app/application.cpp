@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "agents/agent_stage.hpp"
 #include "app/status_line.hpp"
 #include "base/paths.hpp"
 #include "processes/process_stages.hpp"
@@ -93,7 +94,9 @@ int runApplicationMode() {
   int status = 0;
   {
     SamplerParts parts;
-    installProcessStages(parts, makeProcessLayer());
+    auto processes = makeProcessLayer();
+    installProcessStages(parts, processes);
+    installAgentStage(parts, processes);
     Application app(ApplicationOptions::fromEnvironment(), std::move(parts), main);
     std::thread waiter([&signals, &app] {
       int received = 0;

@@ -195,10 +195,9 @@ void Model::receive(Snapshot snapshot) {
   dataArrived_ = true;
 
   double now = clock_.uptime();
-  double gap = page_ == Page::agents && windowVisible_ ? kAgentsGapShowing : kAgentsGapHidden;
-  if (hooks.refreshAgents && now - agentsAt_ >= gap) {
-    agentsAt_ = now;
-    hooks.refreshAgents(s.processes);
+  if (hooks.refreshAgents) {
+    hooks.refreshAgents(
+        s, page_ == Page::agents && windowVisible_ ? kAgentsGapShowing : kAgentsGapHidden);
   }
 
   for (Metric m : kAllMetrics) {

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agents/agent_records.hpp"
 #include "app/settings.hpp"
 #include "base/clock.hpp"
 #include "base/user_defaults.hpp"
@@ -36,8 +37,9 @@ class Model {
     std::function<void()> applyDock;
     std::function<void()> menuItemsChanged;
     std::function<void()> onSample;  // redraw the menu-bar items
-    // Refresh the coding-agents monitor with this tick's processes.
-    std::function<void(const std::vector<ProcessSample>&)> refreshAgents;
+    // Ask the coding-agents monitor to refresh with this tick's live agent sessions, no sooner than
+    // `minimumGap` seconds after its last refresh (the monitor enforces the gap).
+    std::function<void(const Snapshot&, double minimumGap)> refreshAgents;
   };
 
   struct Parts {
@@ -99,14 +101,17 @@ class Model {
   const std::deque<double>& live(Metric m) const { return live_[static_cast<size_t>(m)]; }
   const std::optional<Totals>& totals() const { return totals_; }
   AlertLog& alerts() { return *alertLog_; }
+  // The coding agents as last read by the agents monitor; empty until the first refresh.
+  const AgentsSnapshot& agents() const { return agents_; }
+  void setAgents(AgentsSnapshot agents) { agents_ = std::move(agents); }
   AlertEngine& alertEngine() { return *alertEngine_; }
 
   // Observers of published snapshots: called only while the window or the panel is visible, and
   // at once when the window becomes visible.
   void addObserver(std::function<void(const Snapshot&)> observer);
 
-  // The receiver, in order: keep the snapshot, re-check the window, mark data arrived, refresh the
-  // agents when due, extend the live series, publish while visible, redraw the menu bar, record
+  // The receiver, in order: keep the snapshot, re-check the window, mark data arrived, ask for an
+  // agents refresh, extend the live series, publish while visible, redraw the menu bar, record
   // the history, run the alerts, and read the totals when a minute has passed.
   void receive(Snapshot snapshot);
 
@@ -138,7 +143,7 @@ class Model {
   std::array<std::deque<double>, kAllMetrics.size()> live_;
   std::optional<Totals> totals_;
   double totalsAt_ = -1e9;  // uptime seconds of the last totals request
-  double agentsAt_ = -1e9;  // uptime seconds of the last agents refresh
+  AgentsSnapshot agents_;
   std::vector<std::function<void(const Snapshot&)>> observers_;
   std::vector<std::function<void(bool)>> mcpObservers_;
   std::unique_ptr<AlertEngine> alertEngine_;

@@ -157,11 +157,12 @@ Snapshot snapshotWithBusyApp(Date time, double cpu) {
 
 TEST_F(ModelTest, ReceiverOrderAndEffects) {
   makeModel();
-  int samples = 0, published = 0, agentRefreshes = 0;
+  int samples = 0, published = 0;
+  std::vector<double> agentGaps;
   bool onScreen = false;
   model->hooks.onSample = [&] { ++samples; };
   model->hooks.windowOnScreen = [&] { return onScreen; };
-  model->hooks.refreshAgents = [&](const std::vector<ProcessSample>&) { ++agentRefreshes; };
+  model->hooks.refreshAgents = [&](const Snapshot&, double gap) { agentGaps.push_back(gap); };
   model->addObserver([&](const Snapshot&) { ++published; });
 
   for (int i = 0; i < 200; ++i) {
@@ -172,7 +173,9 @@ TEST_F(ModelTest, ReceiverOrderAndEffects) {
   EXPECT_EQ(published, 0);  // nothing visible: nothing published
   EXPECT_EQ(model->live(Metric::cpu).size(), Model::kLivePoints);
   EXPECT_DOUBLE_EQ(model->live(Metric::cpu).back(), 0.3);
-  EXPECT_EQ(agentRefreshes, 4);  // t = 0, 120, 240, 360 of 398 s
+  // Asked on every sample, with the long gap while the agents page is not on screen.
+  ASSERT_EQ(agentGaps.size(), 200u);
+  EXPECT_EQ(agentGaps.back(), Model::kAgentsGapHidden);
   EXPECT_TRUE(model->dataArrived());
 
   // The window turns out to be on screen: noticed on the next sample, published from then on.
@@ -180,13 +183,13 @@ TEST_F(ModelTest, ReceiverOrderAndEffects) {
   model->receive(snapshotWithBusyApp(clock.now(), 10));
   EXPECT_TRUE(model->windowVisible());
   EXPECT_EQ(published, 2);  // once on becoming visible, once as this sample's publication
+  EXPECT_EQ(agentGaps.back(), Model::kAgentsGapHidden);  // visible, but another page
   model->setPage(Page::agents);
-  int before = agentRefreshes;
-  for (int i = 0; i < 5; ++i) {
-    clock.advance(2);
-    model->receive(snapshotWithBusyApp(clock.now(), 10));
-  }
-  EXPECT_EQ(agentRefreshes, before + 2);  // every 4.5 s or more while the agents page shows
+  model->receive(snapshotWithBusyApp(clock.now(), 10));
+  EXPECT_EQ(agentGaps.back(), Model::kAgentsGapShowing);
+  onScreen = false;  // the window went behind others: back to the long gap
+  model->receive(snapshotWithBusyApp(clock.now(), 10));
+  EXPECT_EQ(agentGaps.back(), Model::kAgentsGapHidden);
 }
 
 TEST_F(ModelTest, AlertsFromTheReceiverAreKeptAndCountedUnread) {
