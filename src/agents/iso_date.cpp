@@ -44,6 +44,9 @@ std::optional<Date> parseISODate(std::string_view t) {
       !digits(t, 17, 2, second)) {
     return std::nullopt;
   }
+  // The clock counts nanoseconds in 64 bits (about 1678 to 2262): years outside a sane range are
+  // refused rather than overflowing it.
+  if (year < 1900 || year > 2200) return std::nullopt;
   static constexpr int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
   if (month < 1 || month > 12 || day < 1 ||
       day > kDays[month - 1] + (month == 2 && leap(year) ? 1 : 0) || hour > 23 || minute > 59 ||
