@@ -65,6 +65,8 @@ void Tail::read(const std::string& path, const std::function<void(std::string_vi
       size_t newline = static_cast<size_t>(static_cast<const char*>(hit) - buffer.data());
       if (skipping_) {
         skipping_ = false;  // the end of the oversized line: dropped
+      } else if (newline - start > kMaxLine) {
+        // Too long, though it ended inside this chunk: dropped like the others.
       } else if (newline - start >= 3) {
         body(std::string_view(buffer.data() + start, newline - start));
       }

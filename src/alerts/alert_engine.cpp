@@ -31,20 +31,6 @@ double seconds(Date::duration d) {
 
 }  // namespace
 
-Date localStartOfDay(Date date) {
-  const std::time_t t = std::chrono::system_clock::to_time_t(date);
-  tzset();
-  std::tm parts{};
-  if (localtime_r(&t, &parts) == nullptr) return date;
-  parts.tm_hour = 0;
-  parts.tm_min = 0;
-  parts.tm_sec = 0;
-  parts.tm_isdst = -1;  // let mktime decide whether midnight was in daylight-saving time
-  const std::time_t midnight = std::mktime(&parts);
-  if (midnight == static_cast<std::time_t>(-1)) return date;
-  return std::chrono::system_clock::from_time_t(midnight);
-}
-
 AlertEngine::AlertEngine(const Clock& clock, AlertNotifier* notifier, LocalDayStart dayStart)
     : clock_(clock), notifier_(notifier), dayStart_(std::move(dayStart)) {
   // Today from the start, so that mutes restored at start-up survive the first check.

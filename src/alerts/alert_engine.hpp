@@ -37,7 +37,6 @@ class AlertNotifier {
 // The local start of the day that contains a date. The default reads the system's time zone
 // (localtime_r and mktime, so daylight-saving days of 23 or 25 hours are right).
 using LocalDayStart = std::function<Date(Date)>;
-Date localStartOfDay(Date date);
 
 class AlertEngine {
  public:

@@ -2,10 +2,26 @@
 
 #include <time.h>
 
+#include <ctime>
+
 namespace vistrel {
 
 double secondsSince1970(Date d) {
   return std::chrono::duration<double>(d.time_since_epoch()).count();
+}
+
+Date localStartOfDay(Date date) {
+  const std::time_t t = std::chrono::system_clock::to_time_t(date);
+  tzset();  // notice a change of time zone while the application runs
+  std::tm parts{};
+  if (localtime_r(&t, &parts) == nullptr) return date;
+  parts.tm_hour = 0;
+  parts.tm_min = 0;
+  parts.tm_sec = 0;
+  parts.tm_isdst = -1;  // let mktime decide whether midnight was in daylight-saving time
+  const std::time_t midnight = std::mktime(&parts);
+  if (midnight == static_cast<std::time_t>(-1)) return date;
+  return std::chrono::system_clock::from_time_t(midnight);
 }
 
 Date dateFromSeconds(double seconds) {

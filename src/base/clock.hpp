@@ -8,6 +8,10 @@ namespace vistrel {
 // Wall-clock instant. Records carry these; the history turns them into whole seconds since 1970.
 using Date = std::chrono::system_clock::time_point;
 
+// Local midnight at the start of the day holding `date` (the time zone as the system has it now;
+// daylight-saving days handled by the C library). `date` itself when the conversion fails.
+Date localStartOfDay(Date date);
+
 // Seconds since 1970 (UTC) as a double, and back.
 double secondsSince1970(Date d);
 Date dateFromSeconds(double seconds);

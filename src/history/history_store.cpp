@@ -32,15 +32,8 @@ int64_t fileSize(const std::string& path) {
 }  // namespace
 
 int64_t startOfLocalDay(int64_t seconds) {
-  auto t = static_cast<time_t>(seconds);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  tm.tm_hour = 0;
-  tm.tm_min = 0;
-  tm.tm_sec = 0;
-  tm.tm_isdst = -1;  // let the library decide whether midnight was in summer time
-  time_t midnight = std::mktime(&tm);
-  return midnight == static_cast<time_t>(-1) ? floorTo(seconds, kDay) : midnight;
+  return static_cast<int64_t>(
+      std::floor(secondsSince1970(localStartOfDay(dateFromSeconds(static_cast<double>(seconds))))));
 }
 
 HistoryStore::HistoryStore(std::string folder, MainQueue& main, const Clock& clock, Options options)

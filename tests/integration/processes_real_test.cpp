@@ -43,12 +43,14 @@ struct ForkedChild {
   }
 };
 
-// A program started with arguments; killed and reaped at the end of the test.
+// A program started with arguments in a process group of its own; the whole group (whatever it
+// started) is killed and the program reaped at the end of the test.
 struct Program {
   pid_t pid = -1;
   explicit Program(std::vector<std::string> argv) {
     pid = ::fork();
     if (pid == 0) {
+      ::setpgid(0, 0);
       int devnull = ::open("/dev/null", O_RDWR);
       ::dup2(devnull, 0);
       ::dup2(devnull, 1);
@@ -62,7 +64,7 @@ struct Program {
   }
   ~Program() {
     if (pid > 0) {
-      ::kill(pid, SIGKILL);
+      ::kill(-pid, SIGKILL);
       ::waitpid(pid, nullptr, 0);
     }
   }
