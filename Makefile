@@ -31,7 +31,7 @@ test-dev:
 test-asan:
 	@cmake --preset asan >/dev/null
 	@cmake --build --preset asan -j $(JOBS)
-	@ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan -j $(JOBS) -L 'base|format|sampling|processes|history|alerts|agents|app'
+	@ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan -j $(JOBS) -L 'base|format|sampling|processes|history|alerts|agents|control|app'
 
 format-check:
 	@files=$$(git ls-files '*.cpp' '*.hpp' '*.mm' 2>/dev/null); \

@@ -4,18 +4,18 @@
 #include <string_view>
 #include <vector>
 
+#include "agents/status_line_mode.hpp"
 #include "app/application.hpp"
 #include "app/run_mode.hpp"
+#include "control/mcp.hpp"
 
 int main(int argc, char** argv) {
   std::vector<std::string_view> arguments(argv + 1, argv + argc);
   switch (vistrel::chooseRunMode(arguments)) {
     case vistrel::RunMode::mcp:
-      std::fputs("vistrel: the MCP server is not part of this build yet\n", stderr);
-      return 2;
+      return vistrel::runMcpMode();
     case vistrel::RunMode::statusLine:
-      std::fputs("vistrel: the status-line bridge is not part of this build yet\n", stderr);
-      return 2;
+      return vistrel::runStatusLineMode();
     case vistrel::RunMode::application:
       return vistrel::runApplicationMode();
   }

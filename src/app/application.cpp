@@ -34,17 +34,35 @@ Application::Application(ApplicationOptions options, SamplerParts parts, ManualM
       main_(main),
       defaults_(defaults ? std::move(defaults) : makeUserDefaults()),
       sampler_(Sampler::create(std::move(parts), main, clock)) {
-  history_ = std::make_unique<HistoryStore>(
-      options_.historyFolder.empty() ? supportFolder() : options_.historyFolder, main_, clock);
+  const std::string folder =
+      options_.supportFolder.empty() ? supportFolder() : options_.supportFolder;
+  history_ = std::make_unique<HistoryStore>(folder, main_, clock);
   model_ = std::make_unique<Model>(
       Model::Parts{sampler_, history_.get(), defaults_.get(), /*notifier=*/nullptr}, clock);
   model_->hooks.onSample = [this] { sampled(); };
   // A terminal printing every sample is someone watching: sample at the user's interval, as for
   // an open panel, instead of the background's slower one.
   if (options_.printStatus) model_->setPanelVisible(true);
+
+  agents_ = std::make_unique<AgentsMonitor>(main_, clock, options_.agents);
+  model_->hooks.refreshAgents = [this](const Snapshot& snapshot, double minimumGap) {
+    agents_->refresh(snapshot.agents, minimumGap,
+                     [this](AgentsSnapshot agents) { model_->setAgents(std::move(agents)); });
+  };
+  controlHost_ = std::make_unique<ModelControlHost>(*model_, history_.get(), [this] {
+    std::vector<AgentSession> sessions;
+    {
+      std::lock_guard lock(sessionsLock_);
+      sessions = latestSessions_;
+    }
+    return agents_->readNow(sessions);
+  });
+  control_ = std::make_unique<Control>(*controlHost_, clock);
+  controlServer_ = std::make_unique<ControlServer>(main_, *control_, folder + "/control.sock");
 }
 
 Application::~Application() {
+  controlServer_->stop();
   // Stop ticking before the model goes; queued hand-offs find the sampler gone and do nothing.
   sampler_->setOnSnapshot(nullptr);
   sampler_.reset();
@@ -60,9 +78,20 @@ int Application::run() {
     });
   }
   model_->start();
+  // Claude Code's status line follows this executable if it moved (an update).
+  agents_->repairStatusLinePath();
+  // The control socket runs exactly while AI agent access is on.
+  model_->observeMcpEnabled([this](bool on) {
+    if (on) {
+      controlServer_->start();
+    } else {
+      controlServer_->stop();
+    }
+  });
   main_.run();
-  // The minute under way would be lost otherwise; SIGINT and SIGTERM end `run` through here.
+  // Termination: the minute under way goes to the history first, then the socket closes.
   history_->flushNow();
+  controlServer_->stop();
   return 0;
 }
 
@@ -72,6 +101,10 @@ void Application::requestQuit() {
 
 void Application::sampled() {
   ++received_;
+  if (model_->latest()) {
+    std::lock_guard lock(sessionsLock_);
+    latestSessions_ = model_->latest()->agents;
+  }
   if (options_.printStatus && model_->latest()) {
     std::string line = statusLine(*model_->latest());
     std::fprintf(stdout, "%s\n", line.c_str());

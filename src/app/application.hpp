@@ -1,13 +1,19 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "agents/agents_monitor.hpp"
+#include "app/control_host_impl.hpp"
 #include "app/model.hpp"
 #include "base/clock.hpp"
 #include "base/main_queue.hpp"
 #include "base/user_defaults.hpp"
+#include "control/control.hpp"
+#include "control/control_server.hpp"
 #include "history/history_store.hpp"
 #include "sampling/sampler.hpp"
 
@@ -17,13 +23,15 @@ namespace vistrel {
 struct ApplicationOptions {
   std::optional<int> quitAfterTicks;  // VISTREL_TEST_QUIT: end after this many snapshots
   bool printStatus = false;           // one status line per tick on standard output (a terminal)
-  std::string historyFolder;          // where history.sqlite lives; empty: the support folder
+  std::string supportFolder;          // history, control socket; empty: the platform's folder
+  AgentsMonitor::Options agents;      // the agents' folders (tests point them at fixtures)
 
   static ApplicationOptions fromEnvironment();
 };
 
-// The application without a window: the model with its sampler, history and alerts, run on the
-// calling (main) thread until asked to end.
+// The application without a window: the model with its sampler, history, alerts and coding
+// agents, and the control socket for AI agents while their access is on; run on the calling
+// (main) thread until asked to end.
 class Application {
  public:
   // `defaults` null: the platform's user defaults.
@@ -38,6 +46,7 @@ class Application {
   void requestQuit();
 
   Model& model() { return *model_; }
+  ControlServer& controlServer() { return *controlServer_; }
   HistoryStore& history() { return *history_; }
   int snapshotsReceived() const { return received_; }
 
@@ -51,7 +60,15 @@ class Application {
   // Records every snapshot; without a usable database it runs empty and the application goes on.
   std::unique_ptr<HistoryStore> history_;
   std::unique_ptr<Model> model_;
+  std::unique_ptr<AgentsMonitor> agents_;
+  std::unique_ptr<ModelControlHost> controlHost_;
+  std::unique_ptr<Control> control_;
+  // Declared last: stopped first, so no request reaches the parts above while they go.
+  std::unique_ptr<ControlServer> controlServer_;
   int received_ = 0;
+  // The newest live agent sessions, for agent requests answered on a connection's thread.
+  std::mutex sessionsLock_;
+  std::vector<AgentSession> latestSessions_;
 };
 
 // The application mode of the executable: blocks SIGINT and SIGTERM, turns them into a clean quit,

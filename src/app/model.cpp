@@ -226,4 +226,38 @@ void Model::receive(Snapshot snapshot) {
   }
 }
 
+// --- Quit requests ---
+
+bool Model::canQuit(const AppUsage& app) const {
+  static const std::vector<ProcessSample> none;
+  return vistrel::canQuit(app, latest_ ? latest_->processes : none, QuitContext::current());
+}
+
+void Model::confirmQuit(const AppUsage& app) {
+  if (!canQuit(app)) return;
+  quitRequest_ = QuitRequest::forApp(app);
+}
+
+void Model::confirmEndSession(const std::string& agent, const std::string& folder) {
+  quitRequest_ = QuitRequest::forAgent(agent, folder);
+}
+
+void Model::setQuitTools(std::shared_ptr<SignalSender> signals, std::shared_ptr<AppQuitter> apps) {
+  signals_ = std::move(signals);
+  appQuitter_ = std::move(apps);
+}
+
+std::string Model::perform(const QuitRequest& request, bool force) {
+  if (!quitRequest_ || quitRequest_->id != request.id) return "";
+  const QuitRequest confirmed = std::move(*quitRequest_);
+  quitRequest_.reset();
+  if (!signals_) signals_ = makeSignalSender();
+  // The platform quitter may send through the signal sender, which the shared pointer keeps alive.
+  if (!appQuitter_) appQuitter_ = makeAppQuitter(*signals_);
+  static const Snapshot empty;
+  QuitOutcome outcome = performQuit(confirmed, force, latest_ ? *latest_ : empty, *appQuitter_,
+                                    *signals_, QuitContext::current().ownPid);
+  return quitToast(confirmed, force, outcome);
+}
+
 }  // namespace vistrel

@@ -13,6 +13,7 @@
 #include "app/settings.hpp"
 #include "base/clock.hpp"
 #include "base/user_defaults.hpp"
+#include "control/quit_request.hpp"
 #include "history/history_store.hpp"
 #include "sampling/records.hpp"
 #include "sampling/sampler.hpp"
@@ -120,6 +121,26 @@ class Model {
   // The interval the rule gives for the current state.
   double effectiveInterval() const;
 
+  // --- Quit requests: nothing quits without the person's confirmation ---
+  // The pending request, shown by the window as a confirmation dialog; absent when none. Until the
+  // window exists a pending request is only held.
+  const std::optional<QuitRequest>& quitRequest() const { return quitRequest_; }
+  // Whether the app may be asked to quit at all, judged against the newest snapshot (see
+  // `quitRefusal`: not the system's, not a macOS bundle, not this application, only this user's).
+  bool canQuit(const AppUsage& app) const;
+  // When `canQuit(app)`, files a new request for the app (replacing a pending one). Never quits.
+  void confirmQuit(const AppUsage& app);
+  // Files a request to end a coding-agent session (the agent's name, the session's folder).
+  void confirmEndSession(const std::string& agent, const std::string& folder);
+  // Carries out the request the person confirmed, as a normal or a forced quit, then clears it and
+  // returns the toast's text. Only the pending request can be carried out: any other (an old or a
+  // made-up one) does nothing and gives an empty text.
+  std::string perform(const QuitRequest& request, bool force);
+  // The person cancelled the dialog: clears the request; nothing else happens.
+  void cancelQuit() { quitRequest_.reset(); }
+  // How `perform` reaches processes: the platform's unless replaced (tests pass recording fakes).
+  void setQuitTools(std::shared_ptr<SignalSender> signals, std::shared_ptr<AppQuitter> apps);
+
   // Where debug lines go (windowVisible changes, raised alerts). Default: standard error when
   // VISTREL_DEBUG is set, else nowhere.
   void setDebugSink(std::function<void(std::string_view)> sink) { debugSink_ = std::move(sink); }
@@ -149,6 +170,9 @@ class Model {
   std::unique_ptr<AlertEngine> alertEngine_;
   std::unique_ptr<AlertLog> alertLog_;
   std::function<void(std::string_view)> debugSink_;
+  std::optional<QuitRequest> quitRequest_;
+  std::shared_ptr<SignalSender> signals_;  // created on first use when not injected
+  std::shared_ptr<AppQuitter> appQuitter_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // held weakly by callbacks
 };
 
