@@ -103,7 +103,9 @@ std::string shortFolder(const std::optional<std::string>& folder, const std::str
   if (!folder) return "";
   if (!home.empty() && folder->compare(0, home.size(), home) == 0 &&
       (folder->size() == home.size() || (*folder)[home.size()] == '/' || home.back() == '/')) {
-    return "~" + folder->substr(home.size());
+    std::string out = "~";  // built by append: GCC 12 misreads "~" + substr as overlapping
+    out.append(*folder, home.size());
+    return out;
   }
   return *folder;
 }
