@@ -13,7 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/files.hpp"
 #include "base/main_queue.hpp"
+#include "base/subprocess.hpp"
 #include "control/control_server.hpp"
 #include "machine.hpp"
 
@@ -102,12 +104,44 @@ void measure(const std::string& path, const std::string& name, const std::string
   std::printf("%s answer size: %zu bytes\n", name.c_str(), answerBytes);
 }
 
+// One `vistrel --mcp` process from start to its first tool call's answer: it initializes, calls
+// `status` through the socket, and ends with its input. Returns the median wall time of `runs`
+// processes in milliseconds, or -1 when an answer is missing.
+double mcpFirstCall(const std::string& dataHome, int runs) {
+  const std::string input =
+      R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18",)"
+      R"("capabilities":{},"clientInfo":{"name":"bench","version":"1"}}})"
+      "\n"
+      R"({"jsonrpc":"2.0","method":"notifications/initialized"})"
+      "\n"
+      R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"status","arguments":{}}})"
+      "\n";
+  // The --mcp process finds the socket through the data folder, as the application places it.
+  ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+  std::vector<double> times;
+  for (int i = 0; i < runs; ++i) {
+    auto start = Timer::now();
+    auto result = runSubprocess(VISTREL_BINARY, {"--mcp"}, std::string_view(input));
+    double ms = std::chrono::duration<double, std::milli>(Timer::now() - start).count();
+    if (!result.started || result.output.find("\"id\":2") == std::string::npos ||
+        result.output.find("isError\":true") != std::string::npos) {
+      return -1;
+    }
+    times.push_back(ms);
+  }
+  std::sort(times.begin(), times.end());
+  return times[times.size() / 2];
+}
+
 }  // namespace
 
 int main() {
   char pattern[] = "/tmp/vistrel-bench-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) return 1;
-  std::string folder = pattern;
+  std::string dataHome = pattern;
+  // Where a real application keeps it, so that a --mcp process finds it too.
+  std::string folder = dataHome + "/Vistrel";
+  makeFolders(folder);
   std::string path = folder + "/control.sock";
 
   ManualMainQueue queue;
@@ -121,6 +155,12 @@ int main() {
       measure(path, "status", R"({"tool":"status","args":{}})", handler.status.size());
       measure(path, "list_apps", R"({"tool":"list_apps","args":{"limit":30}})",
               handler.apps.size());
+      double first = mcpFirstCall(dataHome, 50);
+      if (first < 0) {
+        std::printf("mcp first tool call: no answer\n");
+      } else {
+        std::printf("mcp first tool call median: %.2f ms\n", first);
+      }
     } else {
       status = 1;
     }
@@ -128,5 +168,6 @@ int main() {
   queue.quit();
   mainThread.join();
   ::rmdir(folder.c_str());
+  ::rmdir(dataHome.c_str());
   return status;
 }
