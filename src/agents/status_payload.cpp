@@ -1,5 +1,7 @@
 #include "agents/status_payload.hpp"
 
+#include "base/json_depth.hpp"
+
 #include <cmath>
 #include <cstdint>
 
@@ -126,25 +128,7 @@ StatusRecord statusRecordFromJson(const Json& payload, Date received) {
 }
 
 std::optional<Json> parseJsonObject(std::string_view text, int maxDepth) {
-  // Brackets outside strings give the nesting depth without building anything.
-  int depth = 0;
-  bool inString = false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (inString) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        inString = false;
-      }
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '{' || c == '[') {
-      if (++depth > maxDepth) return std::nullopt;
-    } else if (c == '}' || c == ']') {
-      --depth;
-    }
-  }
+  if (!jsonNestingWithin(text, maxDepth)) return std::nullopt;
   Json payload = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
   if (!payload.is_object()) return std::nullopt;
   return payload;

@@ -1,42 +1,14 @@
 #include "control/control_request.hpp"
 
+#include "base/json_depth.hpp"
+
 namespace vistrel {
 
-namespace {
-
-// The deepest nesting of arrays and objects in `text`, counted outside strings; false as soon as
-// it exceeds `limit`. Malformed text is left to the parser.
-bool nestingWithin(std::string_view text, int limit) {
-  int depth = 0;
-  bool inString = false;
-  bool escaped = false;
-  for (char c : text) {
-    if (inString) {
-      if (escaped) {
-        escaped = false;
-      } else if (c == '\\') {
-        escaped = true;
-      } else if (c == '"') {
-        inString = false;
-      }
-      continue;
-    }
-    if (c == '"') {
-      inString = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > limit) return false;
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
-  }
-  return true;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 std::optional<ControlRequest> parseControlRequest(std::string_view line) {
   try {
-    if (!nestingWithin(line, kMaxRequestDepth)) return std::nullopt;
+    if (!jsonNestingWithin(line, kMaxRequestDepth)) return std::nullopt;
     // Without exceptions: invalid JSON, invalid UTF-8 and numbers beyond a double's range all
     // come back as a discarded value.
     nlohmann::json value = nlohmann::json::parse(line.begin(), line.end(), nullptr, false);

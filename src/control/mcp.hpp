@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/json_depth.hpp"
+
 // The `--mcp` run mode: a Model Context Protocol tool server on standard input and output. It owns
 // no monitoring state; every tool call becomes one request over the control socket to the running
 // application, whose answer goes back to the agent as text.
@@ -95,10 +97,6 @@ class MCP {
 // The agent's text for one control answer line: "result" itself when it is a string, otherwise
 // written as pretty-printed JSON; the answer's "error" (or a generic text) when it is not "ok".
 ToolCallResult toolResultFromAnswer(std::string_view answerLine);
-
-// The deepest nesting of arrays and objects in a JSON text, brackets inside strings not counted.
-// Stops counting once `limit` is exceeded (returns limit + 1).
-int jsonNestingDepth(std::string_view text, int limit);
 
 // The `--mcp` mode: serves standard input until it ends, then returns 0.
 int runMcpMode();
