@@ -56,7 +56,9 @@ SystemAccounts platformSystemAccounts() {
 }
 
 bool isSystemProcess(uint32_t uid, bool inApp, const SystemAccounts& accounts) {
-  if (accounts.onlyUser && uid != *accounts.onlyUser) return true;
+  // On Linux the person's own processes are never the system's, even when that person is root
+  // (a server watched by its administrator); everyone else's always are.
+  if (accounts.onlyUser) return uid != *accounts.onlyUser;
   return !inApp && uid < accounts.firstUserId;
 }
 

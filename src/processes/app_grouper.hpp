@@ -48,10 +48,11 @@ class SamplerQueries : public ProcessQueries {
 
 // Which user ids belong to the system rather than to the person at the computer.
 struct SystemAccounts {
-  uint32_t firstUserId = 500;  // ids below it are system accounts
-  // When set, every other user's processes count as the system's too (Linux: a multi-user machine
-  // must not show another person's programs as this user's apps). Unset on macOS, where the rule
-  // is the account range alone.
+  uint32_t firstUserId = 500;  // ids below it are system accounts (when `onlyUser` is unset)
+  // When set (Linux), the person at the computer runs as this id: their processes are never the
+  // system's, whatever the id (root on a server included), and every other user's always are, so
+  // a multi-user machine never shows another person's programs as this user's apps. Unset on
+  // macOS, where the rule is the account range alone.
   std::optional<uint32_t> onlyUser;
 };
 

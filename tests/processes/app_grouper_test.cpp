@@ -234,6 +234,10 @@ TEST(AppGrouperTest, SystemMembership) {
         {kSafari, true},
         {kTerminal, false},
         {systemApp, true}}},
+      {"Linux run by root: root's own programs are the person's, everyone else's the system's",
+       SystemAccounts{1000, 0},
+       {proc(30, 1, "spin", 0), proc(31, 1, "postgres", 999), proc(32, 1, "vim", 1000)},
+       {{"proc:spin", false}, {"proc:postgres", true}, {"proc:vim", true}}},
   };
   for (const auto& c : cases) {
     FakeBundles bundles;
