@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "agents/iso_date.hpp"
+#include "agents/json_values.hpp"
 
 namespace vistrel {
 
@@ -17,44 +18,12 @@ namespace {
 // read from it, so a malformed line is skipped whole rather than half-counted, and no value is
 // read from a document that already failed.
 using JsonObject = simdjson::dom::object;
-using JsonField = simdjson::simdjson_result<simdjson::dom::element>;
-
-std::optional<std::string_view> strView(JsonField field) {
-  std::string_view out;
-  if (field.get_string().get(out) != simdjson::SUCCESS) return std::nullopt;
-  return out;
-}
-
-std::optional<std::string> str(JsonField field) {
-  std::optional<std::string_view> view = strView(field);
-  if (!view) return std::nullopt;
-  return std::string(*view);
-}
+using JsonField = DomField;  // the converters of json_values.hpp
 
 std::optional<JsonObject> object(JsonField field) {
   JsonObject out;
   if (field.get_object().get(out) != simdjson::SUCCESS) return std::nullopt;
   return out;
-}
-
-// A number's value (integers converted); anything else is absent.
-std::optional<double> dbl(JsonField field) {
-  double out;
-  if (field.get_double().get(out) != simdjson::SUCCESS || !std::isfinite(out)) return std::nullopt;
-  return out;
-}
-
-// A number's integer value (a fraction cut off, clamped to 64 bits); anything else is 0.
-int64_t jsonInt(JsonField field) {
-  int64_t i;
-  if (field.get_int64().get(i) == simdjson::SUCCESS) return i;
-  uint64_t u;
-  if (field.get_uint64().get(u) == simdjson::SUCCESS) return std::numeric_limits<int64_t>::max();
-  std::optional<double> d = dbl(field);
-  if (!d) return 0;
-  if (*d >= 9223372036854775808.0) return std::numeric_limits<int64_t>::max();
-  if (*d <= -9223372036854775808.0) return std::numeric_limits<int64_t>::min();
-  return static_cast<int64_t>(*d);
 }
 
 // Dates are kept within what a nanosecond clock holds with room to spare (it ends in 2262).
