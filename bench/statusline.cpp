@@ -15,6 +15,8 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -26,40 +28,11 @@ namespace {
 using Timer = std::chrono::steady_clock;
 constexpr int kRuns = 200;
 
-// About 1.5 KB, the shape of Claude Code's status-line payload on a Max plan.
+// About 1.5 KB, the shape of Claude Code's status-line payload on a Max plan (the fixture the
+// integration test feeds the binary too).
 std::string realPayload() {
-  nlohmann::ordered_json payload = {
-      {"hook_event_name", "Status"},
-      {"session_id", "3f2c9a1e-7b4d-4e8a-9c1f-2d6e8b0a4c71"},
-      {"transcript_path",
-       "/home/u/.claude/projects/-home-u-code-x/3f2c9a1e-7b4d-4e8a-9c1f-2d6e8b0a4c71.jsonl"},
-      {"cwd", "/home/u/code/x"},
-      {"model", {{"id", "claude-opus-4-1-20250805"}, {"display_name", "Opus"}}},
-      {"workspace", {{"current_dir", "/home/u/code/x"}, {"project_dir", "/home/u/code/x"}}},
-      {"version", "2.1.32"},
-      {"output_style", {{"name", "default"}}},
-      {"cost",
-       {{"total_cost_usd", 1.2345},
-        {"total_duration_ms", 3456789},
-        {"total_api_duration_ms", 234567},
-        {"total_lines_added", 156},
-        {"total_lines_removed", 23}}},
-      {"context_window",
-       {{"total_input_tokens", 84000},
-        {"total_output_tokens", 12000},
-        {"context_window_size", 200000},
-        {"used_percentage", 42},
-        {"remaining_percentage", 58},
-        {"current_usage",
-         {{"input_tokens", 5},
-          {"output_tokens", 300},
-          {"cache_creation_input_tokens", 1200},
-          {"cache_read_input_tokens", 82000}}}}},
-      {"exceeds_200k_tokens", false},
-      {"rate_limits",
-       {{"five_hour", {{"used_percentage", 23.5}, {"resets_at", 1738425600}}},
-        {"seven_day", {{"used_percentage", 41.2}, {"resets_at", 1738857600}}}}}};
-  return payload.dump(2);
+  std::ifstream file(STATUSLINE_PAYLOAD);
+  return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 // One run of `argv` fed `input`, in milliseconds of wall time; negative when it failed.

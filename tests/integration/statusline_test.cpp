@@ -71,32 +71,12 @@ BinaryRun runBinary(const std::vector<std::string>& args, std::vector<std::strin
   return run;
 }
 
+// The real-sized payload of the fixture, for the given session.
 std::string realPayload(const std::string& sessionId) {
-  nlohmann::ordered_json payload = {
-      {"hook_event_name", "Status"},
-      {"session_id", sessionId},
-      {"transcript_path", "/home/u/.claude/projects/-home-u-code-x/" + sessionId + ".jsonl"},
-      {"cwd", "/home/u/code/x"},
-      {"model", {{"id", "claude-opus-4-1-20250805"}, {"display_name", "Opus"}}},
-      {"workspace", {{"current_dir", "/home/u/code/x"}, {"project_dir", "/home/u/code/x"}}},
-      {"version", "2.1.32"},
-      {"output_style", {{"name", "default"}}},
-      {"cost",
-       {{"total_cost_usd", 1.2345},
-        {"total_duration_ms", 3456789},
-        {"total_api_duration_ms", 234567},
-        {"total_lines_added", 156},
-        {"total_lines_removed", 23}}},
-      {"context_window",
-       {{"total_input_tokens", 84000},
-        {"total_output_tokens", 12000},
-        {"context_window_size", 200000},
-        {"used_percentage", 42},
-        {"remaining_percentage", 58}}},
-      {"exceeds_200k_tokens", false},
-      {"rate_limits",
-       {{"five_hour", {{"used_percentage", 23.5}, {"resets_at", 1738425600}}},
-        {"seven_day", {{"used_percentage", 41.2}, {"resets_at", 1738857600}}}}}};
+  std::ifstream file(std::string(VISTREL_FIXTURES) + "/statusline/payload.json");
+  auto payload = nlohmann::ordered_json::parse(file);
+  payload["session_id"] = sessionId;
+  payload["transcript_path"] = "/home/u/.claude/projects/-home-u-code-x/" + sessionId + ".jsonl";
   return payload.dump(2);
 }
 
