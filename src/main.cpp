@@ -1,11 +1,11 @@
-// Entry point: chooses the run mode before anything else is created.
+// Entry point: chooses the run mode before anything else is created. The light modes run here;
+// the application is a module loaded only when it runs.
 
-#include <cstdio>
 #include <string_view>
 #include <vector>
 
 #include "agents/status_line_mode.hpp"
-#include "app/application.hpp"
+#include "app/application_module.hpp"
 #include "app/run_mode.hpp"
 #include "control/mcp.hpp"
 
@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     case vistrel::RunMode::statusLine:
       return vistrel::runStatusLineMode();
     case vistrel::RunMode::application:
-      return vistrel::runApplicationMode();
+      return vistrel::runApplicationModule();
   }
   return 0;
 }
