@@ -69,7 +69,8 @@ class LightModes : public ::testing::Test {
  protected:
   void SetUp() override {
     char tmpl[] = "/tmp/vistrel-light-XXXXXX";
-    folder_ = ::mkdtemp(tmpl);
+    // Canonical: the executable reports its folder with links resolved (/tmp is one on macOS).
+    folder_ = fs::canonical(::mkdtemp(tmpl)).string();
     fs::create_directories(folder_ + "/home");
     fs::create_directories(folder_ + "/bin");
     lone_ = folder_ + "/bin/vistrel";
