@@ -3,12 +3,9 @@
 // module. The application mode without a usable module ends with a clear error.
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,51 +16,15 @@
 #include <string>
 #include <vector>
 
+#include "integration/binary_run.hpp"
+
 namespace vistrel {
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// A started executable with its three standard streams as pipes.
-struct Running {
-  pid_t pid = -1;
-  int in = -1, out = -1, err = -1;
-
-  // Reads standard output until it holds `text` or five seconds pass.
-  bool readUntil(const std::string& text, std::string& output) {
-    auto deadline = Clock::now() + std::chrono::seconds(5);
-    char buffer[4096];
-    while (output.find(text) == std::string::npos) {
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-      if (left.count() <= 0) return false;
-      pollfd p{out, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
-      ssize_t n = ::read(out, buffer, sizeof buffer);
-      if (n <= 0) return false;
-      output.append(buffer, static_cast<size_t>(n));
-    }
-    return true;
-  }
-
-  // Closes standard input, reads both outputs to their ends and waits for the exit status.
-  int finish(std::string& output, std::string& errors) {
-    if (in >= 0) ::close(in);
-    in = -1;
-    char buffer[4096];
-    for (int* fd : {&out, &err}) {
-      std::string& into = fd == &out ? output : errors;
-      for (ssize_t n; (n = ::read(*fd, buffer, sizeof buffer)) > 0;) {
-        into.append(buffer, static_cast<size_t>(n));
-      }
-      ::close(*fd);
-      *fd = -1;
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-};
+using testing::Running;
 
 class LightModes : public ::testing::Test {
  protected:
@@ -78,45 +39,19 @@ class LightModes : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(folder_); }
 
-  Running start(const std::string& binary, std::vector<std::string> args) {
-    std::vector<std::string> env = {"HOME=" + folder_ + "/home", "PATH=/usr/bin:/bin"};
-    std::vector<char*> envp;
-    for (auto& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    std::string path = binary;
-    std::vector<char*> argv{path.data()};
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    int in[2], out[2], err[2];
-    EXPECT_EQ(::pipe(in), 0);
-    EXPECT_EQ(::pipe(out), 0);
-    EXPECT_EQ(::pipe(err), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) {
-      posix_spawn_file_actions_addclose(&actions, fd);
-    }
-    Running r;
-    EXPECT_EQ(::posix_spawn(&r.pid, path.c_str(), &actions, nullptr, argv.data(), envp.data()), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    r.in = in[1];
-    r.out = out[0];
-    r.err = err[0];
-    return r;
+  std::vector<std::string> environment() const {
+    return {"HOME=" + folder_ + "/home", "PATH=/usr/bin:/bin"};
   }
-
+  Running start(const std::string& binary, std::vector<std::string> args) {
+    return testing::startBinary(binary, std::move(args), environment());
+  }
   // Runs `binary` to its end with `input` on standard input.
   int run(const std::string& binary, std::vector<std::string> args, const std::string& input,
           std::string& output, std::string& errors) {
-    Running r = start(binary, std::move(args));
-    EXPECT_EQ(::write(r.in, input.data(), input.size()), static_cast<ssize_t>(input.size()));
-    return r.finish(output, errors);
+    testing::BinaryRun r = testing::runBinary(binary, std::move(args), environment(), input);
+    output = r.output;
+    errors = r.errors;
+    return r.status;
   }
 
   std::string folder_;
