@@ -1,0 +1,67 @@
+# Updates. On macOS a build that names an update feed and its public key gets Sparkle 2 (fetched
+# and verified by scripts/install-deps): the feed, key and a daily automatic check go into the
+# bundle's Info.plist, Sparkle.framework into the bundle, and the user interface links
+# vistrel_updater. Without a feed there is no updater at all: no menu item, no check. On Linux the
+# package manager updates Vistrel, so there is never an updater of our own.
+
+set(VISTREL_UPDATE_FEED "" CACHE STRING
+    "macOS: address (https) of the update feed; empty builds no updater")
+set(VISTREL_UPDATE_PUBLIC_KEY "" CACHE STRING
+    "macOS: the update feed's EdDSA public key, base64 (Sparkle's generate_keys prints it)")
+set(VISTREL_SPARKLE_DIR "${PROJECT_SOURCE_DIR}/build/deps/Sparkle" CACHE PATH
+    "Where scripts/install-deps unpacked Sparkle")
+
+set(VISTREL_UPDATES OFF)
+if(VISTREL_UPDATE_FEED OR VISTREL_UPDATE_PUBLIC_KEY)
+  if(NOT APPLE)
+    message(STATUS "Updates on Linux come from the package manager; the update feed is not used")
+  else()
+    if(NOT VISTREL_UPDATE_FEED MATCHES "^https://[A-Za-z0-9._~:/?#@!$()*+,;=%-]+$")
+      message(FATAL_ERROR "VISTREL_UPDATE_FEED must be an https address without quotes, spaces, "
+                          "'<' or '&', not \"${VISTREL_UPDATE_FEED}\"")
+    endif()
+    # An Ed25519 public key is 32 bytes: 43 base64 characters and one '='.
+    string(LENGTH "${VISTREL_UPDATE_PUBLIC_KEY}" key_length)
+    if(NOT key_length EQUAL 44 OR NOT VISTREL_UPDATE_PUBLIC_KEY MATCHES "^[A-Za-z0-9+/]+=$")
+      message(FATAL_ERROR "VISTREL_UPDATE_PUBLIC_KEY must be the feed's base64 EdDSA public key "
+                          "(44 characters), as Sparkle's generate_keys prints it")
+    endif()
+    set(VISTREL_SPARKLE_FRAMEWORK ${VISTREL_SPARKLE_DIR}/Sparkle.framework)
+    if(NOT EXISTS ${VISTREL_SPARKLE_FRAMEWORK})
+      message(FATAL_ERROR "An update feed needs Sparkle: ${VISTREL_SPARKLE_FRAMEWORK} is missing "
+                          "(scripts/install-deps fetches it)")
+    endif()
+    set(VISTREL_UPDATES ON)
+  endif()
+endif()
+
+if(VISTREL_UPDATES)
+  add_library(vistrel_updater STATIC ${PROJECT_SOURCE_DIR}/src/app/macos/updater_macos.mm)
+  target_compile_options(vistrel_updater PRIVATE -fobjc-arc "-F${VISTREL_SPARKLE_DIR}")
+  target_link_libraries(vistrel_updater PUBLIC "-framework AppKit" "-F${VISTREL_SPARKLE_DIR}"
+                                               "-framework Sparkle")
+  set(VISTREL_UPDATE_PLIST_KEYS
+"	<key>SUFeedURL</key>
+	<string>${VISTREL_UPDATE_FEED}</string>
+	<key>SUPublicEDKey</key>
+	<string>${VISTREL_UPDATE_PUBLIC_KEY}</string>
+	<key>SUEnableAutomaticChecks</key>
+	<true/>
+	<key>SUScheduledCheckInterval</key>
+	<integer>86400</integer>
+")
+else()
+  add_library(vistrel_updater STATIC ${PROJECT_SOURCE_DIR}/src/app/updater_none.cpp)
+  set(VISTREL_UPDATE_PLIST_KEYS "")
+endif()
+target_include_directories(vistrel_updater PUBLIC ${PROJECT_SOURCE_DIR}/src)
+
+if(TARGET vistrel_ui)
+  target_link_libraries(vistrel_ui PRIVATE vistrel_updater)
+  if(VISTREL_UPDATES)
+    # Sparkle.framework sits beside the module in the bundle's Frameworks folder; in the build
+    # folder the module finds it where install-deps unpacked it.
+    set_property(TARGET vistrel_ui APPEND PROPERTY BUILD_RPATH "@loader_path" "${VISTREL_SPARKLE_DIR}")
+    set_property(TARGET vistrel_ui APPEND PROPERTY INSTALL_RPATH "@loader_path")
+  endif()
+endif()
