@@ -32,11 +32,18 @@ include(${CMAKE_CURRENT_LIST_DIR}/cpack.cmake)
 
 # The installed layouts, checked by running what was installed (`make package-test`).
 option(VISTREL_PACKAGE_TESTS "Register the tests of the built packages" OFF)
-if(VISTREL_PACKAGE_TESTS AND NOT APPLE)
+if(VISTREL_PACKAGE_TESTS)
   enable_testing()
-  add_test(NAME package_deb
-    COMMAND ${CMAKE_CURRENT_LIST_DIR}/tests/check_deb.sh ${CMAKE_BINARY_DIR}/packages)
-  add_test(NAME package_prefix
-    COMMAND ${CMAKE_CURRENT_LIST_DIR}/tests/check_prefix.sh ${CMAKE_BINARY_DIR})
-  set_tests_properties(package_deb package_prefix PROPERTIES LABELS package TIMEOUT 300)
+  if(APPLE)
+    add_test(NAME package_bundle
+      COMMAND ${CMAKE_CURRENT_LIST_DIR}/tests/check_bundle.sh ${CMAKE_BINARY_DIR})
+    set(package_tests package_bundle)
+  else()
+    add_test(NAME package_deb
+      COMMAND ${CMAKE_CURRENT_LIST_DIR}/tests/check_deb.sh ${CMAKE_BINARY_DIR}/packages)
+    add_test(NAME package_prefix
+      COMMAND ${CMAKE_CURRENT_LIST_DIR}/tests/check_prefix.sh ${CMAKE_BINARY_DIR})
+    set(package_tests package_deb package_prefix)
+  endif()
+  set_tests_properties(${package_tests} PROPERTIES LABELS package TIMEOUT 300)
 endif()
