@@ -30,6 +30,13 @@ else()
 endif()
 include(${CMAKE_CURRENT_LIST_DIR}/cpack.cmake)
 
+# Which update feed and key a build accepts: a script, so it runs with every test suite.
+if(VISTREL_TESTS)
+  add_test(NAME update_settings
+    COMMAND ${CMAKE_COMMAND} -P ${CMAKE_CURRENT_LIST_DIR}/tests/update_settings_test.cmake)
+  set_tests_properties(update_settings PROPERTIES LABELS package)
+endif()
+
 # The installed layouts, checked by running what was installed (`make package-test`).
 option(VISTREL_PACKAGE_TESTS "Register the tests of the built packages" OFF)
 if(VISTREL_PACKAGE_TESTS)

@@ -11,20 +11,15 @@ set(VISTREL_UPDATE_PUBLIC_KEY "" CACHE STRING
 set(VISTREL_SPARKLE_DIR "${PROJECT_SOURCE_DIR}/build/deps/Sparkle" CACHE PATH
     "Where scripts/install-deps unpacked Sparkle")
 
+include(${CMAKE_CURRENT_LIST_DIR}/update_settings.cmake)
 set(VISTREL_UPDATES OFF)
 if(VISTREL_UPDATE_FEED OR VISTREL_UPDATE_PUBLIC_KEY)
   if(NOT APPLE)
     message(STATUS "Updates on Linux come from the package manager; the update feed is not used")
   else()
-    if(NOT VISTREL_UPDATE_FEED MATCHES "^https://[A-Za-z0-9._~:/?#@!$()*+,;=%-]+$")
-      message(FATAL_ERROR "VISTREL_UPDATE_FEED must be an https address without quotes, spaces, "
-                          "'<' or '&', not \"${VISTREL_UPDATE_FEED}\"")
-    endif()
-    # An Ed25519 public key is 32 bytes: 43 base64 characters and one '='.
-    string(LENGTH "${VISTREL_UPDATE_PUBLIC_KEY}" key_length)
-    if(NOT key_length EQUAL 44 OR NOT VISTREL_UPDATE_PUBLIC_KEY MATCHES "^[A-Za-z0-9+/]+=$")
-      message(FATAL_ERROR "VISTREL_UPDATE_PUBLIC_KEY must be the feed's base64 EdDSA public key "
-                          "(44 characters), as Sparkle's generate_keys prints it")
+    vistrel_check_update_settings("${VISTREL_UPDATE_FEED}" "${VISTREL_UPDATE_PUBLIC_KEY}" problem)
+    if(problem)
+      message(FATAL_ERROR "${problem}")
     endif()
     set(VISTREL_SPARKLE_FRAMEWORK ${VISTREL_SPARKLE_DIR}/Sparkle.framework)
     if(NOT EXISTS ${VISTREL_SPARKLE_FRAMEWORK})
@@ -38,8 +33,8 @@ endif()
 if(VISTREL_UPDATES)
   add_library(vistrel_updater STATIC ${PROJECT_SOURCE_DIR}/src/app/macos/updater_macos.mm)
   target_compile_options(vistrel_updater PRIVATE -fobjc-arc "-F${VISTREL_SPARKLE_DIR}")
-  target_link_libraries(vistrel_updater PUBLIC "-framework AppKit" "-F${VISTREL_SPARKLE_DIR}"
-                                               "-framework Sparkle")
+  # A framework named by its path links as -F<folder> -framework Sparkle.
+  target_link_libraries(vistrel_updater PUBLIC "-framework AppKit" ${VISTREL_SPARKLE_FRAMEWORK})
   set(VISTREL_UPDATE_PLIST_KEYS
 "	<key>SUFeedURL</key>
 	<string>${VISTREL_UPDATE_FEED}</string>

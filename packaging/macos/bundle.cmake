@@ -11,7 +11,14 @@
 # installed one (`cmake --install`, and so the disk image) also carries Qt's frameworks and is
 # signed, ad hoc unless VISTREL_CODESIGN_IDENTITY names a real identity.
 
-set(VISTREL_MACOS_MINIMUM "13.0" CACHE STRING
+# The login item needs macOS 13's service management. The declared minimum must not be below what
+# the binaries were built for: the deployment target when the build sets one.
+if(CMAKE_OSX_DEPLOYMENT_TARGET)
+  set(minimum_default ${CMAKE_OSX_DEPLOYMENT_TARGET})
+else()
+  set(minimum_default 13.0)
+endif()
+set(VISTREL_MACOS_MINIMUM "${minimum_default}" CACHE STRING
     "Oldest macOS the bundle declares (LSMinimumSystemVersion)")
 set(VISTREL_CODESIGN_IDENTITY "-" CACHE STRING
     "codesign identity for the installed bundle; \"-\" signs ad hoc, empty does not sign")
