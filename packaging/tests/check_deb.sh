@@ -22,6 +22,21 @@ scratch=$(mktemp -d /tmp/vistrel-deb-XXXXXX)
 trap 'rm -rf "$scratch"' EXIT
 root=$scratch/root
 
+# direct_libraries <elf>: the files of the libraries it names itself (NEEDED), as the loader
+# finds them; what those need in turn is their own packages' business.
+direct_libraries() {
+  local resolved soname
+  resolved=$(ldd "$1")
+  while read -r soname; do
+    # ldd writes "name => path", or the dynamic loader by its path alone; "?<name>" when the
+    # loader cannot find the library at all.
+    awk -v name="$soname" '
+      $1 == name && $2 == "=>" { found = 1; print ($3 ~ /^\// ? $3 : "?" name); next }
+      $1 ~ /^\// { n = split($1, part, "/"); if (part[n] == name) { found = 1; print $1 } }
+      END { if (!found) print "?" name }' <<<"$resolved"
+  done < <(readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+}
+
 # dependencies_cover <package file> <elf files...>: every shared library the files need belongs
 # to a package named in Depends (dpkg-shlibdeps did its work), and no Qt package is named unless
 # one of the files needs Qt.
@@ -36,6 +51,10 @@ dependencies_cover() {
   for elf in "$@"; do
     while read -r library; do
       [[ "$library" == *libQt* ]] && needs_qt=yes
+      if [[ "$library" == \?* ]]; then
+        fail "${elf##*/} needs ${library#\?}, which the loader cannot find here"
+        continue
+      fi
       # dpkg knows each file by the path its package gave it; with a merged /usr that may be the
       # /lib path ldd printed, the same under /usr, or the file the link points to.
       owner=""
@@ -48,7 +67,7 @@ dependencies_cover() {
       elif ! grep -qxF "$owner" <<<"$names"; then
         fail "${deb##*/} does not depend on $owner, which ${elf##*/} needs for $library"
       fi
-    done < <(ldd "$elf" | awk '$2 == "=>" && $3 ~ /^\// { print $3 }')
+    done < <(direct_libraries "$elf")
   done
   if [[ $needs_qt == no ]] && grep -qi '^libqt' <<<"$names"; then
     fail "${deb##*/} depends on Qt without needing it: $depends"
