@@ -30,11 +30,13 @@ else()
 endif()
 include(${CMAKE_CURRENT_LIST_DIR}/cpack.cmake)
 
-# Which update feed and key a build accepts: a script, so it runs with every test suite.
+# Which update feed and key a build accepts, and how the bundle takes in the libraries it links:
+# scripts that need no build, so they run with every test suite.
 if(VISTREL_TESTS)
   add_test(NAME update_settings
     COMMAND ${CMAKE_COMMAND} -P ${CMAKE_CURRENT_LIST_DIR}/tests/update_settings_test.cmake)
-  set_tests_properties(update_settings PROPERTIES LABELS package)
+  add_test(NAME deploy_bundle COMMAND ${CMAKE_CURRENT_LIST_DIR}/tests/deploy_bundle_test.sh)
+  set_tests_properties(update_settings deploy_bundle PROPERTIES LABELS package)
 endif()
 
 # The installed layouts, checked by running what was installed (`make package-test`).
