@@ -17,6 +17,12 @@ if(TARGET vistrel_ui)
   list(APPEND vistrel_components ui)
 endif()
 set(CPACK_COMPONENTS_ALL ${vistrel_components})
+# Files installed without a component would be left out of every package: say so at configure.
+get_cmake_property(installed_components COMPONENTS)
+if("Unspecified" IN_LIST installed_components)
+  message(WARNING "Some install() rules name no COMPONENT; their files are in no package. "
+                  "Give them COMPONENT core (headless) or ui (needs the interface).")
+endif()
 
 if(APPLE)
   # One disk image holding Vistrel.app and a link to /Applications to drag it onto.
