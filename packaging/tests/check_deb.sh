@@ -105,6 +105,11 @@ dependencies_cover "${core[0]}" "$root/usr/bin/vistrel" "$root/usr/lib/vistrel/l
 [[ "$(dpkg-deb -f "${core[0]}" Package)" == vistrel ]] || fail "the core package is not named vistrel"
 
 check_desktop_files "$root" /usr /usr/bin/vistrel
+# Software centres show the metadata's newest release: it must be this package's version.
+upstream=$(dpkg-deb -f "${core[0]}" Version)
+upstream=${upstream%-*}
+grep -q "<release version=\"$upstream\"" "$root/usr/share/metainfo/org.brackwood.vistrel.metainfo.xml" &&
+  pass "the metadata's release is $upstream" || fail "the metadata does not name release $upstream"
 check_runs "$root/usr/bin/vistrel" "$scratch"
 check_missing_module "$root/usr/bin/vistrel" "$root/usr/lib/vistrel/libvistrel-application.so" "$scratch"
 
