@@ -58,9 +58,11 @@ fuzz:
 
 # The platform's package in build/package/packages: the .deb packages on Linux (vistrel, and
 # vistrel-ui once the build has a user interface), a disk image holding Vistrel.app on macOS.
+# PACKAGE_FLAGS passes more settings to CMake, say the update feed and key of a macOS release.
+PACKAGE_FLAGS ?=
 package: deps
 	@cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DVISTREL_TESTS=OFF \
-	  -DVISTREL_BENCH=OFF -DVISTREL_PACKAGE_TESTS=ON >/dev/null
+	  -DVISTREL_BENCH=OFF -DVISTREL_PACKAGE_TESTS=ON $(PACKAGE_FLAGS) >/dev/null
 	@cmake --build build/package -j $(JOBS)
 	@rm -rf build/package/packages
 	@cd build/package && cpack
