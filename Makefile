@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 BENCH ?=
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps build run test test-dev test-asan format-check format bench fuzz clean
+.PHONY: all deps build run test test-dev test-asan format-check format bench fuzz package package-test clean
 
 all: build
 
@@ -55,6 +55,22 @@ fuzz:
 	  echo "== $${f##*/}"; mkdir -p build/fuzz/corpus/$${f##*/}; \
 	  "$$f" -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 build/fuzz/corpus/$${f##*/}; \
 	done
+
+# The platform's package in build/package/packages: the .deb packages on Linux (vistrel, and
+# vistrel-ui once the build has a user interface), a disk image holding Vistrel.app on macOS.
+# PACKAGE_FLAGS passes more settings to CMake, say the update feed and key of a macOS release.
+PACKAGE_FLAGS ?=
+package: deps
+	@cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DVISTREL_TESTS=OFF \
+	  -DVISTREL_BENCH=OFF -DVISTREL_PACKAGE_TESTS=ON $(PACKAGE_FLAGS) >/dev/null
+	@cmake --build build/package -j $(JOBS)
+	@rm -rf build/package/packages
+	@cd build/package && cpack
+	@ls -l build/package/packages/*.*
+
+# Unpacks the packages into a temporary root and runs what they installed (Linux).
+package-test: package
+	@ctest --test-dir build/package -L package --output-on-failure
 
 clean:
 	rm -rf build
