@@ -6,6 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "sampling/process_energy.hpp"
+#include "sampling/sensor_sources.hpp"
+
 namespace vistrel {
 
 namespace {
@@ -50,10 +53,10 @@ SamplerParts&& SamplerParts::withPlatformDefaults() && {
   if (!gpu) gpu = makeGPUSource();
   if (!disk) disk = makeDiskSource();
   if (!network) network = makeNetworkSource();
-  if (!smc) smc = std::make_unique<SMCSource>();
-  if (!thermal) thermal = std::make_unique<ThermalSource>();
-  if (!battery) battery = std::make_unique<BatterySource>();
-  if (!energy) energy = std::make_unique<EnergySource>();
+  if (!smc) smc = makeSMCSource();
+  if (!thermal) thermal = makeThermalSource();
+  if (!battery) battery = makeBatterySource();
+  if (!energy) energy = makeEnergySource();
   if (!processes) processes = std::make_unique<ProcessStage>();
   if (!agents) agents = std::make_unique<AgentStage>();
   if (!apps) apps = std::make_unique<AppStage>();
@@ -266,9 +269,13 @@ Snapshot Sampler::read() {
 
 void Sampler::readProcessStages(Snapshot& snapshot, std::vector<ProcessSample> processes) {
   snapshot.hiddenProcesses = parts_.processes->hidden();
-  double energy = 0;
-  for (const auto& p : processes) energy += p.energy;
-  snapshot.power.apps = energy;
+  if (parts_.processes->measuresEnergy()) {
+    double energy = 0;
+    for (const auto& p : processes) energy += p.energy;
+    snapshot.power.apps = energy;
+  } else {
+    snapshot.power.apps = apportionEnergy(processes, parts_.smc->packagePower(), snapshot.cpu);
+  }
   auto [sessions, agentRoots] = parts_.agents->sessions(processes);
   snapshot.apps = parts_.apps->group(processes, agentRoots, snapshot.cpu, snapshot.memory,
                                      snapshot.hiddenProcesses);
