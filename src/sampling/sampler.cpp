@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "sampling/audio_reader.hpp"
+#include "sampling/bluetooth_reader.hpp"
 #include "sampling/process_energy.hpp"
 #include "sampling/sensor_sources.hpp"
 
@@ -60,8 +62,8 @@ SamplerParts&& SamplerParts::withPlatformDefaults() && {
   if (!processes) processes = std::make_unique<ProcessStage>();
   if (!agents) agents = std::make_unique<AgentStage>();
   if (!apps) apps = std::make_unique<AppStage>();
-  if (!audio) audio = std::make_unique<AudioSource>();
-  if (!bluetooth) bluetooth = std::make_unique<BluetoothSource>();
+  if (!audio) audio = makeAudioSource();
+  if (!bluetooth) bluetooth = makeBluetoothSource();
   return std::move(*this);
 }
 
@@ -253,6 +255,7 @@ Snapshot Sampler::read() {
   if (!bg && now - audioAt_ > kSlowForeground) {
     audioAt_ = now;
     audio_ = parts_.audio->read();
+    nameAudioUses(audio_, snapshot.apps, snapshot.processes);
   }
   snapshot.audio = audio_;
 
