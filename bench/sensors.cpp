@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "machine.hpp"
+#include "sampling/bluetooth_reader.hpp"
 #include "sampling/sensor_sources.hpp"
 
 namespace {
@@ -64,6 +65,8 @@ int main(int argc, char** argv) {
   auto thermal = makeThermalSource();
   auto battery = makeBatterySource();
   auto energy = makeEnergySource();
+  auto audio = makeAudioSource();
+  auto bluetooth = makeBluetoothSource();
 
   // What each reader found, so that a cost of "nothing" reads as such.
   const SensorStat sensors = thermal->read(smc->fans());
@@ -80,5 +83,9 @@ int main(int argc, char** argv) {
   measure("temperatures", calls, [&] { (void)thermal->read({}); });
   measure("battery", calls, [&] { (void)battery->read(std::nullopt); });
   measure("gpu power", calls, [&] { (void)energy->gpuWatts(); });
+  // Both keep their own thread: a read copies the latest result (and, for Bluetooth, starts a run
+  // when none is going).
+  measure("audio", calls, [&] { (void)audio->read(); });
+  measure("bluetooth", calls, [&] { (void)bluetooth->read(); });
   return 0;
 }
