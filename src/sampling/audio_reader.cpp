@@ -66,7 +66,7 @@ void nameAudioUses(std::vector<AudioUse>& uses, const std::vector<AppUsage>& app
     bool named = false;
     for (const AppUsage& app : apps) {
       for (int32_t pid : app.pids) {
-        if (pid == use.pid) {
+        if (pid == use.pid && !app.name.empty()) {
           use.name = app.name;
           use.bundlePath = app.bundlePath;
           named = true;
@@ -78,7 +78,7 @@ void nameAudioUses(std::vector<AudioUse>& uses, const std::vector<AppUsage>& app
     if (named) continue;
     for (const ProcessSample& p : processes) {
       if (p.pid == use.pid) {
-        use.name = p.name;
+        if (!p.name.empty()) use.name = p.name;
         break;
       }
     }

@@ -65,7 +65,9 @@ TEST(AudioReader, UsesPerProcessNamedAfterTheirApps) {
   ProcessSample obs;
   obs.pid = 500;
   obs.name = "obs";
-  nameAudioUses(uses, {browser}, {obs});
+  ProcessSample unnamed;  // a process whose name could not be read names nothing
+  unnamed.pid = 600;
+  nameAudioUses(uses, {browser}, {obs, unnamed});
   EXPECT_EQ(uses[0].name, "Firefox Web Browser");
   EXPECT_EQ(uses[0].bundlePath, browser.bundlePath);
   EXPECT_EQ(uses[1].name, "obs");
