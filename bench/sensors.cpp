@@ -3,6 +3,11 @@
 // repeated calls, after one call that opens files and libraries). A reader whose source the machine
 // lacks shows what its absence costs.
 //
+// On Linux the readers are also run over the captured trees under tests/fixtures/linux (a laptop
+// with coretemp, a fan and a battery; an AMD desktop with k10temp, amdgpu and an NVMe drive), so
+// that a machine without sensors still shows what reading them costs: the trees are ordinary files,
+// so sysfs's own cost (and an embedded controller's) is not in those figures.
+//
 //   bench_sensors [calls per reader, default 200]
 
 #include <time.h>
@@ -18,6 +23,9 @@
 #include "machine.hpp"
 #include "sampling/bluetooth_reader.hpp"
 #include "sampling/sensor_sources.hpp"
+#if defined(__linux__)
+#include "sampling/linux/linux_sources.hpp"
+#endif
 
 namespace {
 
@@ -87,5 +95,21 @@ int main(int argc, char** argv) {
   // when none is going).
   measure("audio", calls, [&] { (void)audio->read(); });
   measure("bluetooth", calls, [&] { (void)bluetooth->read(); });
+
+#if defined(__linux__)
+  for (const char* tree : {"laptop-discharging", "amd-desktop"}) {
+    const std::string root = std::string(VISTREL_FIXTURES) + "/linux/" + tree;
+    auto treeThermal = makeLinuxThermalSource(root);
+    auto treePower = makeLinuxPowerSource(root);
+    auto treeBattery = makeLinuxBatterySource(root);
+    auto treeGPU = makeLinuxGPUPowerSource(root);
+    const std::string prefix = std::string(tree) + " ";
+    measure((prefix + "fans").c_str(), calls, [&] { (void)treePower->fans(); });
+    measure((prefix + "system power").c_str(), calls, [&] { (void)treePower->systemPower(); });
+    measure((prefix + "temperatures").c_str(), calls, [&] { (void)treeThermal->read({}); });
+    measure((prefix + "battery").c_str(), calls, [&] { (void)treeBattery->read(std::nullopt); });
+    measure((prefix + "gpu power").c_str(), calls, [&] { (void)treeGPU->gpuWatts(); });
+  }
+#endif
   return 0;
 }
