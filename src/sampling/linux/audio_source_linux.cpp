@@ -198,11 +198,21 @@ class PulseAudioSource final : public AudioSource {
     pending_ = 3;
     clients_.clear();
     streams_.clear();
-    unref(pulse_.pa_context_get_client_info_list(context_, &PulseAudioSource::onClient, this));
-    unref(
+    // A listing that could not start (the connection is going away) will never call back: count
+    // it as finished at once, so that the next event lists again.
+    started(pulse_.pa_context_get_client_info_list(context_, &PulseAudioSource::onClient, this));
+    started(
         pulse_.pa_context_get_sink_input_info_list(context_, &PulseAudioSource::onSinkInput, this));
-    unref(pulse_.pa_context_get_source_output_info_list(context_, &PulseAudioSource::onSourceOutput,
-                                                        this));
+    started(pulse_.pa_context_get_source_output_info_list(context_,
+                                                          &PulseAudioSource::onSourceOutput, this));
+  }
+
+  void started(pa_operation* op) {
+    if (op) {
+      pulse_.pa_operation_unref(op);
+    } else {
+      finished(-1);
+    }
   }
 
   AudioProperties properties(pa_proplist* list) {
