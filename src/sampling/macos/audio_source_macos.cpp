@@ -12,10 +12,16 @@ namespace {
 
 // The selectors of CoreAudio's process objects, spelled out so that the source builds with SDKs
 // that predate them; the system is asked at run time whether it has them.
-constexpr AudioObjectPropertySelector kProcessObjectList = 'prs#';  // on the system object
-constexpr AudioObjectPropertySelector kProcessPID = 'ppid';
-constexpr AudioObjectPropertySelector kProcessIsRunningInput = 'piri';
-constexpr AudioObjectPropertySelector kProcessIsRunningOutput = 'piro';
+constexpr AudioObjectPropertySelector fourCC(const char (&code)[5]) {
+  return static_cast<AudioObjectPropertySelector>(static_cast<unsigned char>(code[0])) << 24 |
+         static_cast<AudioObjectPropertySelector>(static_cast<unsigned char>(code[1])) << 16 |
+         static_cast<AudioObjectPropertySelector>(static_cast<unsigned char>(code[2])) << 8 |
+         static_cast<AudioObjectPropertySelector>(static_cast<unsigned char>(code[3]));
+}
+constexpr AudioObjectPropertySelector kProcessObjectList = fourCC("prs#");  // on the system object
+constexpr AudioObjectPropertySelector kProcessPID = fourCC("ppid");
+constexpr AudioObjectPropertySelector kProcessIsRunningInput = fourCC("piri");
+constexpr AudioObjectPropertySelector kProcessIsRunningOutput = fourCC("piro");
 
 AudioObjectPropertyAddress address(AudioObjectPropertySelector selector) {
   return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};

@@ -1,6 +1,8 @@
 // The "AppleSmartBattery" service's properties, converted to the portable property tree in one
 // registry call.
 
+#include <vector>
+
 #include "sampling/battery_reader.hpp"
 #include "sampling/macos/cf_util.hpp"
 
