@@ -34,7 +34,9 @@ std::vector<BluetoothDevice> parseSystemProfilerBluetooth(std::string_view text)
     if (connected == controller.end() || !connected->is_array()) continue;
     for (const auto& entry : *connected) {
       if (!entry.is_object()) continue;
-      for (const auto& [name, properties] : entry.items()) {
+      for (auto item = entry.begin(); item != entry.end(); ++item) {
+        const std::string& name = item.key();
+        const nlohmann::json& properties = item.value();
         if (!properties.is_object()) continue;
         auto level = [&](const char* key) -> std::optional<int> {
           auto it = properties.find(key);
