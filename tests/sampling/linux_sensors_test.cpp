@@ -9,8 +9,10 @@
 #include <string>
 
 #include "base/files.hpp"
+#include "base/main_queue.hpp"
 #include "sampling/linux/linux_sources.hpp"
 #include "sampling/process_energy.hpp"
+#include "sampling/sampler.hpp"
 #include "sampling/sensor_parsers.hpp"
 
 namespace vistrel {
@@ -454,6 +456,29 @@ TEST(ProcessEnergy, SharedOutByCPUTime) {
       EXPECT_DOUBLE_EQ(processes[i].energy, c.energy[i]);
     }
   }
+}
+
+// The captured laptop through the whole sampler: the heat and battery metrics and the power figures
+// come alive in the Snapshot.
+TEST(LinuxSensorSources, SnapshotsCarryTheFigures) {
+  const std::string root = kFixtures + "laptop-discharging";
+  ManualMainQueue main;
+  ManualClock clock;
+  SamplerParts parts;
+  parts.smc = makeLinuxPowerSource(root, clock, steps(0));
+  parts.thermal = makeLinuxThermalSource(root, clock, steps(0));
+  parts.battery = makeLinuxBatterySource(root);
+  parts.energy = makeLinuxGPUPowerSource(root, clock);
+  auto sampler = Sampler::create(std::move(parts), main, clock);
+  Snapshot s = sampler->sampleNow();
+  EXPECT_EQ(s.sensors.cpuMax, 44.0);
+  EXPECT_EQ(s.sensors.hottest(), 44.0);
+  EXPECT_DOUBLE_EQ(s.level(Metric::heat), 44.0 / 105);
+  EXPECT_EQ(s.sensors.fans, (std::vector<Fan>{{910, 0, 6100}}));
+  EXPECT_TRUE(s.battery.present);
+  EXPECT_DOUBLE_EQ(s.level(Metric::battery), 0.61);
+  EXPECT_EQ(s.power.system, 5.156);  // on battery: the battery's draw
+  EXPECT_EQ(s.power.gpu, std::nullopt);
 }
 
 // This build machine has no battery and no readable sensors: every reader degrades quietly.
