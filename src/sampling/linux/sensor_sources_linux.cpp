@@ -138,11 +138,10 @@ class LinuxPowerSource final : public SMCSource {
 
   std::optional<double> systemPower() override {
     refreshZones();
-    if (!psys_.empty()) {
-      if (auto w = watts(psys_)) return w;
-    } else if (!packages_.empty()) {
-      if (auto w = watts(packages_)) return w;
-    }
+    // One source for the figure, so that it never jumps between two ways of measuring: RAPL's psys
+    // zone (the whole platform), else its packages, else the battery while it discharges.
+    if (!psys_.empty()) return watts(psys_);
+    if (!packages_.empty()) return watts(packages_);
     return batteryDischargeWatts();
   }
 
