@@ -23,8 +23,9 @@ std::optional<int64_t> parseInteger(std::string_view s) {
   return v;
 }
 
+// Whole minutes, kept only when at least one and below the battery's "unknown" value.
 std::optional<int> minutesIfKnown(std::optional<double> minutes) {
-  if (!minutes || !(*minutes > 0 && *minutes < kUnknownMinutes)) return std::nullopt;
+  if (!minutes || !(*minutes >= 1 && *minutes < kUnknownMinutes)) return std::nullopt;
   return static_cast<int>(*minutes);
 }
 
@@ -177,7 +178,7 @@ BatteryStat batteryFromPowerSupply(const PowerSupplyInfo& s, std::optional<bool>
       double left = static_cast<double>(*now);
       if (b.charging) {
         if (!full) return std::nullopt;
-        left = static_cast<double>(*full - *now);
+        left = static_cast<double>(*full) - static_cast<double>(*now);
       }
       return left / std::fabs(static_cast<double>(*rate)) * 60;
     };

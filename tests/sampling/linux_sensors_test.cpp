@@ -371,7 +371,19 @@ TEST(SensorParsers, PowerSupplyUevent) {
   fromEnergy.present = true;
   fromEnergy.percent = 25;
   fromEnergy.watts = 12.0;  // negative current on some drivers: the magnitude counts
+  BatteryStat almostFull;
+  almostFull.present = true;
+  almostFull.percent = 99;
+  almostFull.charging = true;
+  almostFull.pluggedIn = true;
+  almostFull.watts = 1.0;
   const Case cases[] = {
+      // Found by the fuzzer: half a minute left is no figure, not "0 minutes".
+      {"less than a minute to full",
+       "POWER_SUPPLY_TYPE=Battery\nPOWER_SUPPLY_STATUS=Charging\nPOWER_SUPPLY_CAPACITY=99\n"
+       "POWER_SUPPLY_ENERGY_NOW=39990000\nPOWER_SUPPLY_ENERGY_FULL=40000000\n"
+       "POWER_SUPPLY_POWER_NOW=1000000\n",
+       std::nullopt, almostFull},
       {"the kernel's own estimate, tenths of a degree",
        "POWER_SUPPLY_TYPE=Battery\nPOWER_SUPPLY_STATUS=Discharging\nPOWER_SUPPLY_CAPACITY=50\n"
        "POWER_SUPPLY_TIME_TO_EMPTY_NOW=5400\nPOWER_SUPPLY_CYCLE_COUNT=12\nPOWER_SUPPLY_TEMP=295\n"
