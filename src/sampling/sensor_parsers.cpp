@@ -126,6 +126,70 @@ PowerSupplyInfo parsePowerSupplyUevent(std::string_view text) {
   return info;
 }
 
+PowerSupplyInfo combineBatteries(const std::vector<PowerSupplyInfo>& batteries) {
+  if (batteries.empty()) return {};
+  if (batteries.size() == 1) return batteries.front();
+  PowerSupplyInfo all = batteries.front();
+  const auto sum = [&](std::optional<int64_t> PowerSupplyInfo::*field, bool magnitude) {
+    std::optional<int64_t> total = 0;
+    for (const auto& b : batteries) {
+      if (!(b.*field)) return std::optional<int64_t>{};
+      const int64_t v = magnitude && *(b.*field) < 0 ? -*(b.*field) : *(b.*field);
+      if (__builtin_add_overflow(*total, v, &*total)) return std::optional<int64_t>{};
+    }
+    return total;
+  };
+  for (auto field : {&PowerSupplyInfo::energyNow, &PowerSupplyInfo::energyFull,
+                     &PowerSupplyInfo::energyFullDesign, &PowerSupplyInfo::chargeNow,
+                     &PowerSupplyInfo::chargeFull, &PowerSupplyInfo::chargeFullDesign}) {
+    all.*field = sum(field, false);
+  }
+  all.powerNow = sum(&PowerSupplyInfo::powerNow, true);
+  all.currentNow = sum(&PowerSupplyInfo::currentNow, true);
+  all.timeToEmpty.reset();
+  all.timeToFull.reset();
+
+  // Capacity: weighted by full energy (or charge) where every battery has it.
+  double weighted = 0, weights = 0, plain = 0;
+  int counted = 0;
+  bool weighable = true;
+  for (const auto& b : batteries) {
+    if (!b.capacity) continue;
+    const std::optional<int64_t> full = b.energyFull ? b.energyFull : b.chargeFull;
+    if (full && *full > 0) {
+      weighted += static_cast<double>(*b.capacity) * static_cast<double>(*full);
+      weights += static_cast<double>(*full);
+    } else {
+      weighable = false;
+    }
+    plain += static_cast<double>(*b.capacity);
+    ++counted;
+  }
+  if (counted == 0) {
+    all.capacity.reset();
+  } else {
+    all.capacity = static_cast<int64_t>(
+        std::lround(weighable && weights > 0 ? weighted / weights : plain / counted));
+  }
+
+  const auto any = [&](std::string_view status) {
+    return std::any_of(batteries.begin(), batteries.end(),
+                       [&](const PowerSupplyInfo& b) { return b.status == status; });
+  };
+  if (any("Charging")) {
+    all.status = "Charging";
+  } else if (any("Discharging")) {
+    all.status = "Discharging";
+  }
+  for (const auto& b : batteries) {
+    if (b.cycleCount && (!all.cycleCount || *b.cycleCount > *all.cycleCount)) {
+      all.cycleCount = b.cycleCount;
+    }
+    if (b.temp && (!all.temp || *b.temp > *all.temp)) all.temp = b.temp;
+  }
+  return all;
+}
+
 bool isSystemBattery(const PowerSupplyInfo& info) {
   return info.type == "Battery" && info.scope != "Device" && info.present != false;
 }

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "sampling/records.hpp"
 #include "sampling/thermal_reader.hpp"
@@ -50,6 +51,14 @@ struct PowerSupplyInfo {
   bool operator==(const PowerSupplyInfo&) const = default;
 };
 PowerSupplyInfo parsePowerSupplyUevent(std::string_view text);
+
+// Several batteries of one machine (ThinkPads with an internal and a removable one) as one: energy,
+// charge, power and current summed when every battery reports them (voltage from the first),
+// capacity weighted by each battery's full energy (or charge) when known, else averaged; charging
+// when any charges, else discharging when any discharges; the highest cycle count and temperature.
+// The kernel's time estimates are dropped so that the minutes come from the sums. One battery is
+// returned as it is.
+PowerSupplyInfo combineBatteries(const std::vector<PowerSupplyInfo>& batteries);
 
 // A laptop battery (not a peripheral's): type Battery and scope not Device.
 bool isSystemBattery(const PowerSupplyInfo& info);

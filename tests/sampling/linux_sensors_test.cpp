@@ -417,6 +417,34 @@ TEST(SensorParsers, PowerSupplyUevent) {
       parsePowerSupplyUevent("POWER_SUPPLY_TYPE=Battery\nPOWER_SUPPLY_PRESENT=0\n")));
 }
 
+// Two batteries (an internal and a removable one) are one battery to the person.
+TEST(LinuxBatterySource, TwoBatteriesTakenTogether) {
+  TempRoot root;
+  root.write("sys/class/power_supply/BAT0/uevent",
+             "POWER_SUPPLY_TYPE=Battery\nPOWER_SUPPLY_STATUS=Discharging\n"
+             "POWER_SUPPLY_CAPACITY=50\nPOWER_SUPPLY_ENERGY_NOW=20000000\n"
+             "POWER_SUPPLY_ENERGY_FULL=40000000\nPOWER_SUPPLY_ENERGY_FULL_DESIGN=50000000\n"
+             "POWER_SUPPLY_POWER_NOW=5000000\nPOWER_SUPPLY_CYCLE_COUNT=100\n"
+             "POWER_SUPPLY_TIME_TO_EMPTY_NOW=14400\n");
+  root.write("sys/class/power_supply/BAT1/uevent",
+             "POWER_SUPPLY_TYPE=Battery\nPOWER_SUPPLY_STATUS=Unknown\n"
+             "POWER_SUPPLY_CAPACITY=20\nPOWER_SUPPLY_ENERGY_NOW=4000000\n"
+             "POWER_SUPPLY_ENERGY_FULL=20000000\nPOWER_SUPPLY_ENERGY_FULL_DESIGN=20000000\n"
+             "POWER_SUPPLY_POWER_NOW=0\nPOWER_SUPPLY_CYCLE_COUNT=300\n");
+  root.write("sys/class/power_supply/AC/uevent",
+             "POWER_SUPPLY_TYPE=Mains\nPOWER_SUPPLY_ONLINE=0\n");
+  BatteryStat b = makeLinuxBatterySource(root.path())->read(std::nullopt);
+  EXPECT_TRUE(b.present);
+  EXPECT_EQ(b.percent, 40);  // (50 x 40 + 20 x 20) / 60
+  EXPECT_FALSE(b.charging);
+  EXPECT_FALSE(b.pluggedIn);
+  ASSERT_TRUE(b.health);
+  EXPECT_NEAR(*b.health, 60.0 / 70.0 * 100, 1e-9);
+  EXPECT_EQ(b.watts, 5.0);
+  EXPECT_EQ(b.minutesLeft, 288);  // 24 Wh at 5 W, not the first battery's own 240 minutes
+  EXPECT_EQ(b.cycles, 300);
+}
+
 TEST(SensorParsers, WrappingDelta) {
   EXPECT_EQ(wrappingDelta(100, 150, std::nullopt), 50u);
   EXPECT_EQ(wrappingDelta(900, 100, 1000), 200u);

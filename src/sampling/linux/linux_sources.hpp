@@ -73,7 +73,7 @@ std::unique_ptr<SMCSource> makeLinuxPowerSource(std::string root,
 std::unique_ptr<EnergySource> makeLinuxGPUPowerSource(std::string root,
                                                       const Clock& clock = Clock::system());
 
-// The first system battery of power_supply, and whether a mains or USB supply is online.
+// The system batteries of power_supply taken together, and whether a mains or USB supply is online.
 std::unique_ptr<BatterySource> makeLinuxBatterySource(std::string root);
 
 }  // namespace vistrel

@@ -315,7 +315,7 @@ class LinuxBatterySource final : public BatterySource {
     const std::string base = joinPath(root_, "sys/class/power_supply");
     std::vector<std::string> names = listFolder(base);
     std::sort(names.begin(), names.end());
-    std::optional<PowerSupplyInfo> battery;
+    std::vector<PowerSupplyInfo> batteries;
     std::optional<bool> plugged;
     for (const std::string& name : names) {
       const std::string folder = joinPath(base, name);
@@ -325,14 +325,14 @@ class LinuxBatterySource final : public BatterySource {
       if (info.type.empty()) info.type = readLine(joinPath(folder, "type")).value_or("");
       if (info.scope.empty()) info.scope = readLine(joinPath(folder, "scope")).value_or("");
       if (info.type == "Battery") {
-        if (!battery && isSystemBattery(info)) battery = std::move(info);
+        if (isSystemBattery(info)) batteries.push_back(std::move(info));
       } else if (info.scope != "Device" && info.online) {
         // Mains, USB, USB-C and wireless chargers: online means the machine is on external power.
         plugged = plugged.value_or(false) || *info.online;
       }
     }
-    if (!battery) return {};
-    return batteryFromPowerSupply(*battery, plugged, temperature);
+    if (batteries.empty()) return {};
+    return batteryFromPowerSupply(combineBatteries(batteries), plugged, temperature);
   }
 
  private:
