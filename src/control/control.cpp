@@ -219,7 +219,7 @@ OJson Control::listApps(const json& args) {
   std::stable_sort(apps.begin(), apps.end(),
                    [&](const AppUsage* a, const AppUsage* b) { return (*key)(*a) > (*key)(*b); });
   for (size_t i = 0; i < apps.size() && static_cast<int64_t>(i) < limit; ++i) {
-    out.push_back(control::appObject(*apps[i]));
+    out.push_back(control::appObject(*apps[i], latest->power.apps.has_value()));
   }
   return out;
 }
@@ -227,13 +227,14 @@ OJson Control::listApps(const json& args) {
 OJson Control::getApp(const json& args) {
   const auto& latest = host_.latestSnapshot();
   const AppUsage& app = findApp(latest, nameArg(args));
-  OJson out = control::appObject(app);
+  const bool energyKnown = latest->power.apps.has_value();
+  OJson out = control::appObject(app, energyKnown);
   OJson processes = OJson::array();
   for (int32_t pid : app.pids) {
     // A pid the snapshot's process table no longer lists has exited: left out.
     for (const ProcessSample& p : latest->processes) {
       if (p.pid == pid) {
-        processes.push_back(control::processObject(p));
+        processes.push_back(control::processObject(p, energyKnown));
         break;
       }
     }

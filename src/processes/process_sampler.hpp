@@ -39,6 +39,7 @@ class ProcessSampler {
     return source_->workingFolder(pid);
   }
   double cores() const { return cores_; }
+  bool measuresEnergy() const { return source_->measuresEnergy(); }
 
   // Sizes of the per-pid memories, for the soak benchmark and tests.
   struct MemorySizes {

@@ -83,6 +83,9 @@ class ProcessSource {
   virtual std::vector<PsRow> psListing() = 0;
   // Logical cores the system has online.
   virtual double cores() = 0;
+  // Whether `ProcessCounters::energyNj` is measured (macOS); where it is not, energy is estimated
+  // elsewhere from the package power, or unknown.
+  virtual bool measuresEnergy() const { return false; }
   // The pid is gone: drop whatever the source keeps for it (open files, cached paths).
   virtual void forget(int32_t /*pid*/) {}
 };

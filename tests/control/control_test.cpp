@@ -227,6 +227,7 @@ TEST_F(ControlTest, PerAppObjectKeysAndFormatting) {
   app.cpu = 182.46;
   app.memory = uint64_t{3} << 30;  // 3 GiB
   app.energy = 12.25;
+  host.snapshot->power.apps = 12.25;
   app.diskRead = 2.5e7;
   app.diskWrite = 1500;
   app.netIn = 2e8;
@@ -286,6 +287,7 @@ TEST_F(ControlTest, GetAppListsTheProcessesStillRunning) {
   s.processes[1].cpu = 45.67;
   s.processes[1].memory = 300 * 1024 * 1024;
   s.processes[1].energy = 0.04;
+  s.power.apps = 0.04;
   s.processes.erase(s.processes.begin() + 2);  // pid 102 exited since the grouping
   OJson o = result("get_app", {{"name", "chrome"}});
   EXPECT_EQ(keysOf(o).back(), "process_list");
@@ -300,6 +302,12 @@ TEST_F(ControlTest, GetAppListsTheProcessesStillRunning) {
   EXPECT_DOUBLE_EQ(p["cpu_percent_of_one_core"].get<double>(), 45.7);
   EXPECT_EQ(p["memory_bytes"], "300 MB");
   EXPECT_DOUBLE_EQ(p["energy_watts"].get<double>(), 0.0);
+
+  // A machine without per-process energy: the figure is left out, not written as 0.
+  s.power.apps.reset();
+  o = result("get_app", {{"name", "chrome"}});
+  EXPECT_FALSE(o.contains("energy_watts"));
+  EXPECT_FALSE(o["process_list"][1].contains("energy_watts"));
 }
 
 TEST_F(ControlTest, StatusKeysAndFormatting) {

@@ -201,6 +201,7 @@ class MacProcessSource final : public ProcessSource {
     return parsePS(repairUtf8(result.output));
   }
 
+  bool measuresEnergy() const override { return true; }
   double cores() override {
     const long online = sysconf(_SC_NPROCESSORS_ONLN);
     return online > 0 ? static_cast<double>(online) : 1.0;
