@@ -17,7 +17,7 @@ else
 ASAN_OPTIONS_TEST := detect_leaks=0
 endif
 
-.PHONY: all deps build run test test-dev test-asan test-libcxx format-check format bench fuzz clean
+.PHONY: all deps build run test test-dev test-asan test-libcxx portable-check format-check format bench fuzz clean
 
 all: build
 
@@ -34,7 +34,7 @@ run: build
 
 # Warnings are errors in every preset; the core tests also run under the sanitizers, and on Linux
 # everything is compiled once more against libc++, the C++ library of macOS.
-test: deps format-check test-dev test-asan test-libcxx
+test: deps format-check portable-check test-dev test-asan test-libcxx
 
 test-dev:
 	@cmake --preset dev >/dev/null
@@ -58,6 +58,10 @@ ifeq ($(SYSTEM),Linux)
 else
 	@echo "test-libcxx: not needed on $(SYSTEM), whose compiler uses libc++ already"
 endif
+
+# Code shared by both platforms must not name what only Linux has (see the script).
+portable-check:
+	@scripts/check-portable
 
 # Skipped with a notice where clang-format $(CLANG_FORMAT_VERSION) is missing (Homebrew carries only
 # the newest): another version would report differences that are not ours.
