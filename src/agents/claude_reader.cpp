@@ -19,15 +19,6 @@ bool endsWith(std::string_view text, std::string_view end) {
   return text.size() > end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-int64_t modifiedNs(const struct stat& info) {
-  return static_cast<int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
-}
-
-Date modifiedDate(const struct stat& info) {
-  return Date(std::chrono::duration_cast<Date::duration>(
-      std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec)));
-}
-
 // A folder listing that closes itself.
 class Folder {
  public:
@@ -111,7 +102,7 @@ void ClaudeReader::readFile(const std::string& path, const struct stat& info,
     if (subagent) ++transcript.subagents;
   }
   const int64_t size = info.st_size;
-  const int64_t modified = modifiedNs(info);
+  const int64_t modified = modifiedNanoseconds(info);
   if (file.size == size && file.modifiedNs == modified) return;  // unchanged since read whole
   uint64_t from = file.tail.offset();
   if (static_cast<uint64_t>(size) < from) from = 0;

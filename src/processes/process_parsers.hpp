@@ -22,8 +22,10 @@ namespace vistrel {
 // or an unparsable number are skipped; a later line for a pid replaces an earlier one.
 std::vector<PsRow> parsePS(std::string_view text);
 
-// `nettop -P -L 1 -x -n -J bytes_in,bytes_out`: a header line, then "name.pid,in,out,..." lines.
-// The pid is the text after the last "." of the first field. The last line for a pid wins.
+// `nettop -P -L 1 -x -n -J bytes_in,bytes_out`: comma-separated lines under a header that names
+// the columns, "time,,bytes_in,bytes_out," through a pipe (",bytes_in,bytes_out," on some
+// systems): the columns are found by name, the process in the one without a title as "name.pid"
+// (the pid after its last "."). Lines before a header are skipped; the last line for a pid wins.
 std::unordered_map<int32_t, ProcessNetBytes> parseNettop(std::string_view text);
 
 // A KERN_PROCARGS2 buffer: argc (32-bit, native order), the executable path and its zero padding,

@@ -3,12 +3,14 @@
 
 #include "control/control_server.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -286,6 +288,64 @@ TEST_F(ControlServerTest, ClientsThatCloseEarlyOrVanishLeaveTheServerAnswering) 
   }
   { OwnedFd half = stalled("{\"tool\":\"history\""); }
   EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");
+}
+
+// A connection accepted but impossible to set up (macOS: SO_NOSIGPIPE fails with EINVAL once the
+// client has closed) is that client's loss; the server goes on answering others.
+TEST_F(ControlServerTest, AConnectionThatCannotBeSetUpIsDroppedAndTheServerListens) {
+  std::atomic<int> accepted{0};
+  ControlServerLimits limits;
+  limits.accept = [&accepted](int listener) {
+    const int fd = acceptUnixConnection(listener);
+    if (fd >= 0 && accepted++ == 0) {
+      errno = EINVAL;  // what the set-up call reported
+      return dropAcceptedConnection(fd);
+    }
+    return fd;
+  };
+  make(limits).start();
+  {
+    OwnedFd gone(ControlSocket::connect(path, kClientWait));
+    ASSERT_TRUE(gone);
+    ControlSocket::sendAll(gone.get(), "{\"tool\":\"history\"}\n");
+    EXPECT_EQ(readToEnd(gone.get()), "");  // closed unanswered
+  }
+  EXPECT_TRUE(server->isListening());
+  EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");
+  EXPECT_EQ(accepted.load(), 2);
+}
+
+// Failures of accept itself that say nothing about the listener: the pending client is still
+// served once the failure has passed.
+TEST_F(ControlServerTest, PassingAcceptFailuresLeaveTheServerAnswering) {
+  for (int error : {ECONNABORTED, EINTR, EAGAIN, EPROTO, EMFILE, ENOBUFS}) {
+    SCOPED_TRACE(std::strerror(error));
+    std::atomic<int> calls{0};
+    ControlServerLimits limits;
+    limits.accept = [&calls, error](int listener) {
+      if (calls++ == 0) {
+        errno = error;
+        return -1;
+      }
+      return acceptUnixConnection(listener);
+    };
+    make(limits).start();
+    EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");
+    EXPECT_GE(calls.load(), 2);
+    server.reset();
+  }
+}
+
+TEST(ControlSocketTest, DroppingAnAcceptedConnectionClosesItAndReportsAnAbort) {
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  errno = EINVAL;
+  EXPECT_EQ(dropAcceptedConnection(fds[0]), -1);
+  EXPECT_EQ(errno, ECONNABORTED);
+  EXPECT_EQ(::fcntl(fds[0], F_GETFD), -1);  // closed
+  char byte;
+  EXPECT_EQ(::recv(fds[1], &byte, 1, 0), 0);  // the peer sees the end
+  ::close(fds[1]);
 }
 
 TEST_F(ControlServerTest, LineOverOneMebibyteIsRefusedAndClosedButOneMebibyteIsServed) {

@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "integration/binary_run.hpp"
+
 extern char** environ;
 
 namespace vistrel {
@@ -70,7 +72,7 @@ struct Child {
 Child launch(std::vector<std::string> args, std::vector<std::string> extraEnv) {
   char tmpl[] = "/tmp/vistrel-home-XXXXXX";
   std::string home = ::mkdtemp(tmpl);
-  std::vector<std::string> env = {"HOME=" + home, "PATH=/usr/bin:/bin"};
+  std::vector<std::string> env = testing::homeEnvironment(home);
   for (auto& e : extraEnv) env.push_back(e);
   std::vector<char*> envp;
   for (auto& e : env) envp.push_back(e.data());

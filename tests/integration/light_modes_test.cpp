@@ -40,7 +40,7 @@ class LightModes : public ::testing::Test {
   void TearDown() override { fs::remove_all(folder_); }
 
   std::vector<std::string> environment() const {
-    return {"HOME=" + folder_ + "/home", "PATH=/usr/bin:/bin"};
+    return testing::homeEnvironment(folder_ + "/home");
   }
   Running start(const std::string& binary, std::vector<std::string> args) {
     return testing::startBinary(binary, std::move(args), environment());
@@ -162,7 +162,7 @@ TEST_F(LightModes, TheApplicationWithoutAUsableModuleEndsWithAClearError) {
         << errors;
     EXPECT_NE(errors.find(c.expected), std::string::npos) << errors;
     // Nothing of the application ran: no support folder was made.
-    EXPECT_FALSE(fs::exists(folder_ + "/home/.local/share/Vistrel/history.sqlite"));
+    EXPECT_FALSE(fs::exists(testing::supportFolderUnder(folder_ + "/home") + "/history.sqlite"));
   }
   // The light modes do not care.
   std::string output, errors;

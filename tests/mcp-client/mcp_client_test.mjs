@@ -48,9 +48,10 @@ function makeHome() {
 }
 
 // Only HOME and PATH: no display (the application runs headless), no XDG folders (everything
-// derives from HOME).
+// derives from HOME). CFFIXED_USER_HOME is macOS's HOME for CoreFoundation: the application's
+// preferences then stay in the temporary folder too.
 function environmentFor(home) {
-  return { HOME: home, PATH: process.env.PATH ?? '/usr/bin:/bin' };
+  return { HOME: home, CFFIXED_USER_HOME: home, PATH: process.env.PATH ?? '/usr/bin:/bin' };
 }
 
 function socketPathFor(home) {
