@@ -64,9 +64,11 @@ class Tree {
   fs::path root_;
 };
 
-std::string statText(int pid, const char* comm, uint64_t utime, uint64_t starttime) {
-  return std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 4194304 0 0 0 0 " +
-         std::to_string(utime) + " 0 0 0 20 0 1 0 " + std::to_string(starttime) + " 0 0\n";
+std::string statText(int pid, const char* comm, uint64_t utime, uint64_t starttime, int ppid = 1,
+                     uint32_t flags = 4194304) {
+  return std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) + " 1 1 0 -1 " +
+         std::to_string(flags) + " 0 0 0 0 " + std::to_string(utime) + " 0 0 0 20 0 1 0 " +
+         std::to_string(starttime) + " 0 0\n";
 }
 
 TEST(LinuxProcessSource, ListsNumericEntriesOnly) {
@@ -117,6 +119,32 @@ TEST(LinuxProcessSource, CountersFromTheTree) {
       EXPECT_EQ(counters->kernelThread, c.kernel) << c.pid;
       EXPECT_EQ(counters->energyNj, 0u) << c.pid;
     }
+  }
+}
+
+// Only the kernel-thread flag makes a kernel thread. In a container pid 2 is an ordinary process
+// and its children are too.
+TEST(LinuxProcessSource, KernelThreadsAreKnownByTheirFlagAlone) {
+  struct Case {
+    const char* what;
+    int32_t pid;
+    std::optional<std::string> stat;  // replaces the captured file when set
+    bool kernel;
+  };
+  const Case cases[] = {
+      {"captured kthreadd", 2, std::nullopt, true},
+      {"captured worker under kthreadd", 14, std::nullopt, true},
+      {"a container's pid 2", 2, statText(2, "node", 50, 400, 1, 0x400100), false},
+      {"a child of a container's pid 2", 4007, statText(4007, "npm", 5, 9000, 2, 0x400000), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Tree tree;
+    if (c.stat) tree.overwrite("proc/" + std::to_string(c.pid) + "/stat", *c.stat);
+    ManualClock clock;
+    auto counters = tree.source(clock)->counters(c.pid);
+    ASSERT_TRUE(counters);
+    EXPECT_EQ(counters->kernelThread, c.kernel);
   }
 }
 

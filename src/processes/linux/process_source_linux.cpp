@@ -19,8 +19,9 @@ namespace vistrel {
 
 namespace {
 
-constexpr uint32_t kKernelThreadFlag = 0x00200000;  // PF_KTHREAD
-constexpr int32_t kKthreadd = 2;                    // parent of every kernel thread
+// PF_KTHREAD: the kernel's own threads carry it, and nothing else does. Their pids and parents
+// prove nothing: in a container, pid 2 and its children are ordinary processes.
+constexpr uint32_t kKernelThreadFlag = 0x00200000;
 constexpr std::string_view kDriPrefix = "/dev/dri/";
 
 bool isNumber(std::string_view s) {
@@ -245,8 +246,7 @@ class LinuxProcessSource final : public ProcessSource {
     }
     if (fresh) {
       t.startKey = stat->starttime;
-      t.kernel =
-          (stat->flags & kKernelThreadFlag) != 0 || stat->ppid == kKthreadd || pid == kKthreadd;
+      t.kernel = (stat->flags & kKernelThreadFlag) != 0;
       t.ioReadable = !t.kernel && ownedByUs(pid, t.stat);
     }
     out.startKey = stat->starttime;
