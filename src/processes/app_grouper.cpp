@@ -245,16 +245,17 @@ bool AppGrouper::isSystemApp(const std::string& appPath) {
 }
 
 std::string AppGrouper::scriptLabel(const ProcessSample& sample, ProcessQueries& queries) {
-  if (auto it = labelCache_.find(sample.pid);
-      it != labelCache_.end() && it->second.first == sample.started) {
-    return it->second.second;
+  if (auto it = labelCache_.find(sample.pid); it != labelCache_.end() &&
+                                              it->second.started == sample.started &&
+                                              it->second.path == sample.path) {
+    return it->second.label;
   }
   std::string label = ScriptLabel::describe(sample.path, queries.arguments(sample.pid));
   // Nothing to go on (another user's process whose executable and arguments are unreadable):
   // the process's own name is the best label.
   if (label.empty()) label = sample.name;
   if (labelCache_.size() > kLabelCacheLimit) labelCache_.clear();
-  labelCache_.insert_or_assign(sample.pid, std::make_pair(sample.started, label));
+  labelCache_.insert_or_assign(sample.pid, CachedLabel{sample.started, sample.path, label});
   return label;
 }
 

@@ -107,7 +107,12 @@ class AppGrouper {
   SystemAccounts accounts_;
 
   // Sampler queue only.
-  std::unordered_map<int32_t, std::pair<std::optional<Date>, std::string>> labelCache_;
+  struct CachedLabel {
+    std::optional<Date> started;
+    std::string path;  // an exec keeps the pid and start time but changes the executable
+    std::string label;
+  };
+  std::unordered_map<int32_t, CachedLabel> labelCache_;
   std::unordered_map<std::string, std::optional<std::string>> idCache_;
   std::unordered_map<std::string, bool> systemCache_;
 

@@ -32,13 +32,17 @@ ProcessSampler::ProcessSampler(std::unique_ptr<ProcessSource> source, const Cloc
   cores_ = source_->cores();
 }
 
-const ProcessSampler::Info* ProcessSampler::infoFor(int32_t pid, uint64_t startKey) {
+const ProcessSampler::Info* ProcessSampler::infoFor(int32_t pid, const ProcessCounters& counters) {
   auto it = info_.find(pid);
-  if (it != info_.end() && it->second.startKey == startKey) return &it->second;
-  // A new process, or the pid now names another one: read who it is, once for its life.
+  if (it != info_.end() && it->second.startKey == counters.startKey &&
+      it->second.program == counters.program) {
+    return &it->second;
+  }
+  // A new process, the pid now names another one, or the process exec'd another program: read who
+  // it is, once per program it runs.
   auto identity = source_->identity(pid);
   if (!identity) return nullptr;
-  Info info{std::move(*identity), {}, startKey};
+  Info info{std::move(*identity), {}, counters.startKey, counters.program};
   const ProcessIdentity& id = info.identity;
   info.name = id.path.empty() ? id.baseName : std::string(lastComponent(id.path));
   // Programs installed under version-numbered file names ("2.1.0") are shown under the name they
@@ -97,7 +101,7 @@ std::vector<ProcessSample> ProcessSampler::sample(bool network, double psEvery, 
       ++kernelTasks;
       continue;
     }
-    const Info* info = infoFor(pid, counters->startKey);
+    const Info* info = infoFor(pid, *counters);
     if (!info) {
       unreadable_.push_back(pid);
       continue;

@@ -16,6 +16,7 @@
 
 #include "base/files.hpp"
 #include "processes/linux/linux_process_source.hpp"
+#include "processes/process_sampler.hpp"
 
 namespace vistrel {
 namespace {
@@ -246,6 +247,35 @@ TEST(LinuxProcessSource, ReReadsHeldFilesAndNoticesAReusedPid) {
   EXPECT_FALSE(source->counters(4001));
   tree.overwrite("proc/4001/stat", statText(4001, "tool", 1, 5000));
   EXPECT_TRUE(source->counters(4001));
+}
+
+// A shim or wrapper script that ends in exec keeps its pid and start time: the new program is
+// noticed by the short name that every tick reads anyway.
+TEST(LinuxProcessSource, AnExecIsNoticedAndTheIdentityReadAgain) {
+  Tree tree;
+  ManualClock clock{100};
+  ProcessSampler sampler(tree.source(clock), clock, [] { return 7; });
+  auto sampleOf = [&](int32_t pid) {
+    std::optional<ProcessSample> found;
+    for (auto& s : sampler.sample(false, 9.5, false)) {
+      if (s.pid == pid) found = s;
+    }
+    return found;
+  };
+  auto before = sampleOf(4007);
+  ASSERT_TRUE(before);
+  EXPECT_EQ(before->name, "missing");
+
+  const std::string python = "/home/user/.pyenv/versions/3.12.1/bin/python3.12";
+  tree.overwrite("proc/4007/stat", statText(4007, "python3.12", 40, 9000, 1500));
+  fs::remove(tree.path("proc/4007/exe"));
+  fs::create_symlink(python, tree.path("proc/4007/exe"));
+  clock.advance(2);
+  auto after = sampleOf(4007);
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->name, "python3.12");
+  EXPECT_EQ(after->path, python);
+  EXPECT_EQ(after->started, before->started);
 }
 
 TEST(LinuxProcessSource, AnIdleProcessKeepsItsLastMemoryAndStorageFigures) {

@@ -250,6 +250,7 @@ class LinuxProcessSource final : public ProcessSource {
       t.ioReadable = !t.kernel && ownedByUs(pid, t.stat);
     }
     out.startKey = stat->starttime;
+    out.program = std::move(stat->comm);
     out.kernelThread = t.kernel;
     uint64_t ticks = stat->utime > std::numeric_limits<uint64_t>::max() - stat->stime
                          ? std::numeric_limits<uint64_t>::max()
