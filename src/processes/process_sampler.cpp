@@ -79,6 +79,9 @@ std::vector<ProcessSample> ProcessSampler::sample(bool network, double psEvery, 
   std::erase_if(pids_, [](int32_t pid) { return pid <= 0; });
   std::sort(pids_.begin(), pids_.end());
   pids_.erase(std::unique(pids_.begin(), pids_.end()), pids_.end());
+  // What the source holds for exited processes (open files) goes now, every tick: a walk of a few
+  // hundred entries, cheaper than letting descriptors pile up until a sweep.
+  source_->retainOnly(pids_);
 
   std::unordered_map<int32_t, uint64_t> gpuTimes;
   if (gpu) gpuTimes = source_->gpuTimes();
@@ -196,14 +199,6 @@ std::vector<ProcessSample> ProcessSampler::sample(bool network, double psEvery, 
 void ProcessSampler::prune(const std::vector<int32_t>& pids) {
   // `pids` is sorted: membership by binary search, no set to build.
   auto dead = [&](int32_t pid) { return !std::binary_search(pids.begin(), pids.end(), pid); };
-  std::vector<int32_t> gone;
-  for (const auto& [pid, _] : last_) {
-    if (dead(pid)) gone.push_back(pid);
-  }
-  for (const auto& [pid, _] : info_) {
-    if (dead(pid) && !last_.count(pid)) gone.push_back(pid);
-  }
-  for (int32_t pid : gone) source_->forget(pid);
   std::erase_if(last_, [&](const auto& e) { return dead(e.first); });
   std::erase_if(info_, [&](const auto& e) { return dead(e.first); });
   std::erase_if(gpuLast_, [&](const auto& e) { return dead(e.first); });

@@ -90,6 +90,10 @@ class ProcessSource {
   virtual double cores() = 0;
   // The pid is gone: drop whatever the source keeps for it (open files, cached paths).
   virtual void forget(int32_t /*pid*/) {}
+  // Called once per tick with that tick's listing (sorted, unique): drop whatever the source keeps
+  // for every pid not in it, whether or not the sampler ever kept anything for that pid (kernel
+  // threads, processes whose identity could not be read).
+  virtual void retainOnly(const std::vector<int32_t>& /*livePids*/) {}
 };
 
 std::unique_ptr<ProcessSource> makeProcessSource();

@@ -278,6 +278,38 @@ TEST(LinuxProcessSource, AnExecIsNoticedAndTheIdentityReadAgain) {
   EXPECT_EQ(after->started, before->started);
 }
 
+// Descriptors this process holds on files under `folder`.
+size_t descriptorsUnder(const std::string& folder) {
+  size_t n = 0;
+  for (const auto& fd : listFolder("/proc/self/fd")) {
+    auto target = readLink("/proc/self/fd/" + fd);
+    if (target && target->starts_with(folder)) ++n;
+  }
+  return n;
+}
+
+// Whatever the source holds for a pid goes when the pid leaves the listing, also for pids the
+// sampler keeps nothing for: kernel threads, and processes whose identity could not be read.
+TEST(LinuxProcessSource, EveryExitedPidLetsGoOfItsDescriptors) {
+  Tree tree;
+  ManualClock clock{100};
+  ProcessSampler sampler(tree.source(clock), clock, [] { return 7; });  // no random sweep
+  sampler.sample(false, 9.5, false);
+  struct Case {
+    const char* what;
+    int32_t pid;
+  } cases[] = {{"kernel thread", 14}, {"identity unreadable (no status)", 4008}, {"process", 4002}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string folder = tree.path("proc/" + std::to_string(c.pid));
+    ASSERT_GT(descriptorsUnder(folder + "/"), 0u);
+    fs::remove_all(folder);
+    clock.advance(2);
+    sampler.sample(false, 9.5, false);
+    EXPECT_EQ(descriptorsUnder(folder + "/"), 0u);
+  }
+}
+
 TEST(LinuxProcessSource, AnIdleProcessKeepsItsLastMemoryAndStorageFigures) {
   Tree tree;
   ManualClock clock;

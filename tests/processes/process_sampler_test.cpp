@@ -23,7 +23,7 @@ struct FakeProcesses : ProcessSource {
   std::vector<PsRow> ps;
   std::map<int32_t, int32_t> responsible;
   int identityReads = 0, argumentReads = 0, psRuns = 0, gpuReads = 0, netReads = 0;
-  std::vector<int32_t> forgotten;
+  std::vector<int32_t> retained;  // the last tick's listing, as handed to retainOnly
 
   void listPids(std::vector<int32_t>& out) override {
     out.clear();
@@ -65,7 +65,7 @@ struct FakeProcesses : ProcessSource {
     return ps;
   }
   double cores() override { return 8; }
-  void forget(int32_t pid) override { forgotten.push_back(pid); }
+  void retainOnly(const std::vector<int32_t>& live) override { retained = live; }
 
   Proc& add(int32_t pid, std::string path, uint64_t startKey = 1) {
     Proc& p = procs[pid];
@@ -338,8 +338,7 @@ TEST_F(ProcessSamplerTest, PruningForgetsDeadPids) {
   EXPECT_EQ(sizes.info, 3u);
   EXPECT_EQ(sizes.gpuLast, 0u);
   EXPECT_EQ(sizes.gpuShare, 3u);
-  std::sort(fake->forgotten.begin(), fake->forgotten.end());
-  EXPECT_EQ(fake->forgotten, (std::vector<int32_t>{4, 5}));
+  EXPECT_EQ(fake->retained, (std::vector<int32_t>{1, 2, 3}));  // the source lets go every tick
 
   // More than 200 dead entries force a sweep whatever the draw.
   draw = 7;

@@ -206,6 +206,17 @@ class LinuxProcessSource final : public ProcessSource {
     return online > 0 ? static_cast<double>(online) : 1.0;
   }
 
+  void retainOnly(const std::vector<int32_t>& livePids) override {
+    for (auto it = tracked_.begin(); it != tracked_.end();) {
+      if (std::binary_search(livePids.begin(), livePids.end(), it->first)) {
+        ++it;
+      } else {
+        release(it->second);
+        it = tracked_.erase(it);
+      }
+    }
+  }
+
   void forget(int32_t pid) override {
     auto it = tracked_.find(pid);
     if (it == tracked_.end()) return;
