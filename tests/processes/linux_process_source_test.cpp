@@ -10,13 +10,16 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/files.hpp"
+#include "processes/app_grouper.hpp"
 #include "processes/linux/linux_process_source.hpp"
 #include "processes/process_sampler.hpp"
+#include "processes/process_stages.hpp"
 
 namespace vistrel {
 namespace {
@@ -473,6 +476,44 @@ int readEveryProcessWithFewDescriptors(const Tree& tree) {
 TEST(LinuxProcessSource, FewDescriptorsStillReadEveryProcess) {
   Tree tree;
   EXPECT_EXIT(::_exit(readEveryProcessWithFewDescriptors(tree)), ::testing::ExitedWithCode(0), "");
+}
+
+// A terminal (kitty) and an editor (VS Code) that run every tab in the app's one scope, as
+// /proc shows them: what was started from a shell in them is not the app. The shells and the
+// editor's helpers stay with their app; coding agents form their own groups with what they
+// started (but not what their shells start); other tools stand alone, a tool's children with it.
+TEST(LinuxProcessSource, WhatAShellInsideAnAppStartsIsNotTheApp) {
+  const fs::path root = fs::path(VISTREL_FIXTURES) / "linux/terminal-scopes";
+  const std::string desktops = (root / "applications").string();
+  ManualClock clock{100};
+  ProcessLayer layer(makeLinuxProcessSource(root.string(), {desktops}, clock, {}), makeAppBundles(),
+                     clock);
+  AppGrouper grouper(*layer.bundles, SystemAccounts{1000, 1000}, true);
+  auto samples = layer.sampler.sample(false, 9.5, false);
+  const AgentRoots agents = {{2901, "Claude Code"}, {3150, "Codex"}};
+  std::map<std::string, std::vector<int32_t>> groups;
+  std::map<std::string, std::string> names;
+  for (const auto& app : grouper.group(samples, layer.queries, agents, {}, {}, 0)) {
+    auto pids = app.pids;
+    std::sort(pids.begin(), pids.end());
+    groups[app.id] = pids;
+    names[app.id] = app.name;
+  }
+  const std::string kitty = desktops + "/kitty.desktop", code = desktops + "/code.desktop";
+  const std::map<std::string, std::vector<int32_t>> expected = {
+      {kitty, {2841, 2850, 2860}},
+      {"agent:Claude Code", {2901, 2920, 2921}},
+      {"proc:cargo", {2922}},  // started by the agent's shell: stands alone, as on macOS
+      {"proc:python3 http.server", {2870}},
+      {code, {3100, 3110, 3120, 3130, 3140}},
+      {"agent:Codex", {3150, 3160}},
+      {"proc:make", {3170, 3171}},
+      {"proc:bash", {3200}},
+      {"proc:htop", {3210}},
+  };
+  EXPECT_EQ(groups, expected);
+  EXPECT_EQ(names[kitty], "kitty");
+  EXPECT_EQ(names[code], "Visual Studio Code");
 }
 
 // --- this machine ---
