@@ -13,7 +13,9 @@
 
 #include "base/files.hpp"
 #include "processes/linux/linux_process_source.hpp"
+#include "processes/linux/tcp_diag.hpp"
 #include "processes/process_parsers.hpp"
+#include "processes/tcp_ledger.hpp"
 
 namespace vistrel {
 
@@ -23,6 +25,7 @@ namespace {
 // prove nothing: in a container, pid 2 and its children are ordinary processes.
 constexpr uint32_t kKernelThreadFlag = 0x00200000;
 constexpr std::string_view kDriPrefix = "/dev/dri/";
+constexpr std::string_view kSocketPrefix = "socket:[";
 
 bool isNumber(std::string_view s) {
   return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -58,12 +61,13 @@ std::string withoutDeleted(std::string path) {
 class LinuxProcessSource final : public ProcessSource {
  public:
   LinuxProcessSource(std::string root, std::vector<std::string> desktopFolders, const Clock& clock,
-                     PsRunner ps)
+                     PsRunner ps, TcpDumper tcp)
       : root_(std::move(root)),
         procDir_(joinPath(root_, "proc") + "/"),
         desktops_(std::move(desktopFolders), clock),
         clock_(clock),
         ps_(std::move(ps)),
+        tcp_(std::move(tcp)),
         euid_(::geteuid()) {
     long ticks = ::sysconf(_SC_CLK_TCK);
     clockTicks_ = ticks > 0 ? static_cast<uint64_t>(ticks) : 100;
@@ -115,7 +119,7 @@ class LinuxProcessSource final : public ProcessSource {
       ProcessCounters out;
       Outcome outcome = readCounters(pid, t, fresh, out);
       if (outcome == Outcome::ok) return out;
-      release(t);
+      untrack(pid, t);
       tracked_.erase(it);
       if (fresh || outcome == Outcome::garbage) return std::nullopt;
     }
@@ -194,7 +198,27 @@ class LinuxProcessSource final : public ProcessSource {
     return out;
   }
 
-  std::unordered_map<int32_t, ProcessNetBytes> networkBytes() override { return {}; }
+  std::unordered_map<int32_t, ProcessNetBytes> networkBytes() override {
+    std::unordered_map<int32_t, ProcessNetBytes> out;
+    if (!tcp_ || !tcp_(sockets_)) return out;
+    std::erase_if(sockets_, [this](const TcpSocketBytes& s) { return s.uid != euid_; });
+    auto owner = [this](uint64_t inode) -> int32_t {
+      auto it = socketOwner_.find(inode);
+      return it == socketOwner_.end() ? 0 : it->second;
+    };
+    if (!ledger_.unowned(sockets_, owner).empty()) {
+      for (auto& [pid, t] : tracked_) {
+        if (t.kernel || !t.own) continue;
+        if (t.socketsScanned && t.lastTicks == t.socketScanTicks) continue;
+        scanSockets(pid, t);
+      }
+    }
+    ledger_.apply(sockets_, owner);
+    for (const auto& [pid, t] : tracked_) {
+      if (!t.kernel && t.own) out.emplace(pid, ledger_.total(pid));
+    }
+    return out;
+  }
 
   std::vector<PsRow> psListing() override {
     if (!ps_) return {};
@@ -211,16 +235,17 @@ class LinuxProcessSource final : public ProcessSource {
       if (std::binary_search(livePids.begin(), livePids.end(), it->first)) {
         ++it;
       } else {
-        release(it->second);
+        untrack(it->first, it->second);
         it = tracked_.erase(it);
       }
     }
+    ledger_.retainOnly(livePids);
   }
 
   void forget(int32_t pid) override {
     auto it = tracked_.find(pid);
     if (it == tracked_.end()) return;
-    release(it->second);
+    untrack(pid, it->second);
     tracked_.erase(it);
   }
 
@@ -230,7 +255,12 @@ class LinuxProcessSource final : public ProcessSource {
     uint64_t startKey = 0;
     int stat = -1, statm = -1, io = -1;
     bool kernel = false;
-    bool ioReadable = false;  // decided once: the process is ours (or we are root)
+    bool own = false;         // decided once: the process is ours (or we are root)
+    bool ioReadable = false;  // own, and its io file has not failed
+    // The inodes of its sockets at the last listing of its descriptors, and its CPU ticks then.
+    std::vector<uint64_t> sockets;
+    bool socketsScanned = false;
+    uint64_t socketScanTicks = 0;
     std::vector<int> drmFds;  // the process's descriptors open on /dev/dri
     double drmNextScan = 0;
     int drmEmptyScans = 0;  // scans in a row that found none
@@ -258,7 +288,8 @@ class LinuxProcessSource final : public ProcessSource {
     if (fresh) {
       t.startKey = stat->starttime;
       t.kernel = (stat->flags & kKernelThreadFlag) != 0;
-      t.ioReadable = !t.kernel && ownedByUs(pid, t.stat);
+      t.own = !t.kernel && ownedByUs(pid, t.stat);
+      t.ioReadable = t.own;
     }
     out.startKey = stat->starttime;
     out.program = std::move(stat->comm);
@@ -369,6 +400,50 @@ class LinuxProcessSource final : public ProcessSource {
     closeHeld(t.io);
   }
 
+  // Everything kept for a process that is gone: its files and its sockets' ownership.
+  void untrack(int32_t pid, Tracked& t) {
+    release(t);
+    disown(pid, t);
+  }
+
+  void disown(int32_t pid, Tracked& t) {
+    for (uint64_t inode : t.sockets) {
+      if (auto it = socketOwner_.find(inode); it != socketOwner_.end() && it->second == pid) {
+        socketOwner_.erase(it);
+      }
+    }
+    t.sockets.clear();
+  }
+
+  // Lists the process's descriptors for "socket:[<inode>]" links. A socket shared with another
+  // process (inherited across fork) stays with the process that was found holding it first.
+  void scanSockets(int32_t pid, Tracked& t) {
+    disown(pid, t);
+    t.socketsScanned = true;
+    t.socketScanTicks = t.lastTicks;
+    std::string folder = pidPath(pid, "fd/");
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir) return;
+    char target[64];
+    while (dirent* entry = ::readdir(dir)) {
+      std::string_view name = entry->d_name;
+      if (!isNumber(name)) continue;
+      path_.assign(folder).append(name);
+      ssize_t n = ::readlink(path_.c_str(), target, sizeof target);
+      if (n <= 0) continue;
+      std::string_view link(target, static_cast<size_t>(n));
+      if (!link.starts_with(kSocketPrefix) || !link.ends_with(']')) continue;
+      link.remove_prefix(kSocketPrefix.size());
+      link.remove_suffix(1);
+      uint64_t inode = 0;
+      auto [ptr, ec] = std::from_chars(link.data(), link.data() + link.size(), inode);
+      if (ec != std::errc() || ptr != link.data() + link.size() || inode == 0) continue;
+      t.sockets.push_back(inode);
+      socketOwner_.try_emplace(inode, pid);
+    }
+    ::closedir(dir);
+  }
+
   // "<root>/proc/<pid>/<name>" in a reused string: no allocation once it has grown.
   std::string& pidPath(int32_t pid, std::string_view name) {
     path_.assign(procDir_);
@@ -437,6 +512,10 @@ class LinuxProcessSource final : public ProcessSource {
   const Clock& clock_;
   double tickNow_ = 0;  // uptime at the start of the current tick
   PsRunner ps_;
+  TcpDumper tcp_;
+  TcpLedger ledger_;
+  std::vector<TcpSocketBytes> sockets_;                // the last dump, reused
+  std::unordered_map<uint64_t, int32_t> socketOwner_;  // socket inode to the pid found holding it
   uid_t euid_;
   uint64_t clockTicks_ = 100;
   uint64_t pageSize_ = 4096;
@@ -456,9 +535,15 @@ class LinuxProcessSource final : public ProcessSource {
 
 std::unique_ptr<ProcessSource> makeLinuxProcessSource(std::string root,
                                                       std::vector<std::string> desktopFolders,
-                                                      const Clock& clock, PsRunner ps) {
+                                                      const Clock& clock, PsRunner ps,
+                                                      TcpDumper tcp) {
   return std::make_unique<LinuxProcessSource>(std::move(root), std::move(desktopFolders), clock,
-                                              std::move(ps));
+                                              std::move(ps), std::move(tcp));
+}
+
+TcpDumper kernelTcpDumper() {
+  auto diag = std::make_shared<TcpDiag>();
+  return [diag](std::vector<TcpSocketBytes>& out) { return diag->dump(out); };
 }
 
 std::unique_ptr<ProcessSource> makeProcessSource() {
