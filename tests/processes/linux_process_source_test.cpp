@@ -1,7 +1,10 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -60,8 +64,10 @@ class Tree {
             path("xdg/usr/share/applications"), path("xdg/flatpak/exports/share/applications"),
             path("xdg/snapd/desktop/applications")};
   }
-  std::unique_ptr<ProcessSource> source(const Clock& clock, PsRunner ps = {}) const {
-    return makeLinuxProcessSource(root_.string(), desktopFolders(), clock, std::move(ps));
+  std::unique_ptr<ProcessSource> source(const Clock& clock, PsRunner ps = {},
+                                        TcpDumper tcp = {}) const {
+    return makeLinuxProcessSource(root_.string(), desktopFolders(), clock, std::move(ps),
+                                  std::move(tcp));
   }
 
  private:
@@ -478,6 +484,71 @@ TEST(LinuxProcessSource, FewDescriptorsStillReadEveryProcess) {
   EXPECT_EXIT(::_exit(readEveryProcessWithFewDescriptors(tree)), ::testing::ExitedWithCode(0), "");
 }
 
+// Sockets are found among a process's descriptors once, and again only when a socket moves bytes
+// without a known owner, for processes that have run since they were last looked at.
+TEST(LinuxProcessSource, NetworkBytesOfOwnSocketsByTheirOwners) {
+  Tree tree;
+  ManualClock clock;
+  std::vector<TcpSocketBytes> dump;
+  bool dumpWorks = true;
+  auto source = tree.source(clock, {}, [&](std::vector<TcpSocketBytes>& out) {
+    out = dump;
+    return dumpWorks;
+  });
+  const uint32_t me = ::geteuid();
+  auto link = [&](int32_t pid, int fd, uint64_t inode) {
+    fs::create_directories(tree.path("proc/" + std::to_string(pid) + "/fd"));
+    fs::create_symlink("socket:[" + std::to_string(inode) + "]",
+                       tree.path("proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd)));
+  };
+  link(4001, 3, 501);
+  link(4002, 20, 502);
+  link(4002, 21, 503);  // another user's socket passed to us: not counted
+  std::vector<int32_t> pids;
+  source->listPids(pids);
+  for (int32_t pid : pids) source->counters(pid);
+
+  struct Step {
+    const char* what;
+    std::vector<TcpSocketBytes> dump;
+    std::function<void()> before;
+    ProcessNetBytes tool, firefox;  // pids 4001 and 4002
+  };
+  const Step steps[] = {
+      {"the first dump is the base", {{501, me, 100, 10}, {502, me, 0, 0}}, {}, {}, {}},
+      {"bytes go to the processes holding the sockets",
+       {{501, me, 300, 20}, {502, me, 50, 5}, {503, me + 1, 1000, 1000}},
+       {},
+       {200, 10},
+       {50, 5}},
+      {"a socket opened by a process that has not run since its listing is not looked for",
+       {{501, me, 300, 20}, {502, me, 50, 5}, {504, me, 70, 7}},
+       [&] { link(4001, 4, 504); },
+       {200, 10},
+       {50, 5}},
+      {"once it has run, its descriptors are listed again",
+       {{501, me, 300, 20}, {502, me, 50, 5}, {504, me, 90, 9}},
+       [&] {
+         tree.overwrite("proc/4001/stat", statText(4001, "tool", 999, 5000, 4000));
+         source->counters(4001);
+       },
+       {220, 12},
+       {50, 5}},
+      {"a closed socket keeps what it moved", {{502, me, 60, 5}}, {}, {220, 12}, {60, 5}},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    if (step.before) step.before();
+    dump = step.dump;
+    auto bytes = source->networkBytes();
+    EXPECT_EQ(bytes[4001], step.tool);
+    EXPECT_EQ(bytes[4002], step.firefox);
+    EXPECT_EQ(bytes.count(14), 0u);  // kernel threads own no sockets
+  }
+  dumpWorks = false;  // no socket diagnostics (a kernel without them): nothing, and no error
+  EXPECT_TRUE(source->networkBytes().empty());
+}
+
 // A terminal (kitty) and an editor (VS Code) that run every tab in the app's one scope, as
 // /proc shows them: what was started from a shell in them is not the app. The shells and the
 // editor's helpers stay with their app; coding agents form their own groups with what they
@@ -575,6 +646,51 @@ TEST(LinuxProcessSourceLive, FindsASpinningChildWithGrowingCpuTime) {
   EXPECT_GT(age, -2.0);
   EXPECT_LT(age, 120.0);
   endChild(child);
+}
+
+TEST(LinuxProcessSourceLive, CountsTheBytesOfThisProcesssOwnConnection) {
+  auto source = makeLinuxProcessSource("/", {});
+  int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(listener, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 1), 0);
+  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  int server = ::accept(listener, nullptr, nullptr);
+  ASSERT_GE(server, 0);
+  auto transfer = [&](size_t bytes) {
+    std::vector<char> data(bytes, 'x');
+    size_t sent = 0, got = 0;
+    while (sent < bytes)
+      sent += static_cast<size_t>(::send(client, data.data() + sent, bytes - sent, 0));
+    while (got < bytes) got += static_cast<size_t>(::recv(server, data.data(), bytes - got, 0));
+  };
+  const int32_t me = ::getpid();
+  source->counters(me);
+  transfer(5000);
+  auto first = source->networkBytes();
+  if (first.empty()) GTEST_SKIP() << "no socket diagnostics here";
+  transfer(20000);
+  source->counters(me);
+  auto second = source->networkBytes();  // the connection moved bytes: our descriptors are read
+  transfer(30000);
+  source->counters(me);
+  auto third = source->networkBytes();
+  // Both ends are ours: what one sent and had acknowledged, the other received.
+  EXPECT_GE(third[me].in - second[me].in, 30000u);
+  EXPECT_LT(third[me].in - second[me].in, 31000u);
+  EXPECT_GE(third[me].out - second[me].out, 30000u);
+  EXPECT_GE(second[me].in, first[me].in);
+  ::close(server);
+  ::close(client);
+  ::close(listener);
+  auto after = source->networkBytes();
+  EXPECT_GE(after[me].in, third[me].in);  // closed connections take nothing away
 }
 
 TEST(LinuxProcessSourceLive, ForgetClosesTheHeldFiles) {
