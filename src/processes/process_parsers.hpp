@@ -102,7 +102,8 @@ enum class DumpStatus {
   failed,  // an error message, or a message whose length does not fit the datagram
 };
 
-// One datagram of an inet_diag dump requested with the INET_DIAG_INFO extension, in the host's
+// One datagram of an inet_diag dump (SOCK_DIAG_BY_FAMILY or the older TCPDIAG_GETSOCK) requested
+// with the INET_DIAG_INFO extension, in the host's
 // byte order (netlink is never byte-swapped). Appends every socket that has an inode (time-wait
 // entries have none) and a tcp_info long enough to hold both byte counters (kernels from 4.2);
 // other messages and attributes are skipped.

@@ -15,6 +15,7 @@ constexpr size_t kHeaderSize = 16;
 constexpr uint16_t kNlmsgError = 2;
 constexpr uint16_t kNlmsgDone = 3;
 constexpr uint16_t kSockDiagByFamily = 20;
+constexpr uint16_t kTcpDiagGetSock = 18;  // the older request type answers with its own type
 
 // struct inet_diag_msg: 4 bytes of family and state, a 48-byte socket id, then u32 expires,
 // rqueue, wqueue, uid and inode.
@@ -76,7 +77,7 @@ DumpStatus parseSockDiag(const uint8_t* data, size_t size, std::vector<TcpSocket
     if (length < kHeaderSize || length > size - at) return DumpStatus::failed;
     if (type == kNlmsgDone) return DumpStatus::done;
     if (type == kNlmsgError) return DumpStatus::failed;
-    if (type == kSockDiagByFamily) {
+    if (type == kSockDiagByFamily || type == kTcpDiagGetSock) {
       parseSocket(data + at + kHeaderSize, length - kHeaderSize, out);
     }
     at += align4(length);

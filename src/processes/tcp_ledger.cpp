@@ -16,11 +16,11 @@ uint64_t addSat(uint64_t a, uint64_t b) {
 
 TcpLedger::Counts TcpLedger::moved(const TcpSocketBytes& socket) const {
   auto it = last_.find(socket.inode);
-  if (it == last_.end() || socket.received < it->second.received ||
-      socket.acked < it->second.acked) {
+  if (it == last_.end() || socket.received < it->second.counts.received ||
+      socket.acked < it->second.counts.acked) {
     return {socket.received, socket.acked};  // opened since the last dump
   }
-  return {socket.received - it->second.received, socket.acked - it->second.acked};
+  return {socket.received - it->second.counts.received, socket.acked - it->second.counts.acked};
 }
 
 std::vector<uint64_t> TcpLedger::unowned(const std::vector<TcpSocketBytes>& dump,
@@ -35,8 +35,9 @@ std::vector<uint64_t> TcpLedger::unowned(const std::vector<TcpSocketBytes>& dump
 }
 
 void TcpLedger::apply(const std::vector<TcpSocketBytes>& dump, const Owner& owner) {
-  std::unordered_map<uint64_t, Counts> next;
-  next.reserve(dump.size());
+  // Entries are updated in place and the sockets that were not in this dump dropped after it: no
+  // map is rebuilt per dump.
+  ++dumps_;
   for (const auto& socket : dump) {
     if (primed_) {
       Counts m = moved(socket);
@@ -48,9 +49,9 @@ void TcpLedger::apply(const std::vector<TcpSocketBytes>& dump, const Owner& owne
         }
       }
     }
-    next[socket.inode] = {socket.received, socket.acked};
+    last_[socket.inode] = {{socket.received, socket.acked}, dumps_};
   }
-  last_ = std::move(next);
+  std::erase_if(last_, [this](const auto& entry) { return entry.second.dump != dumps_; });
   primed_ = true;
 }
 

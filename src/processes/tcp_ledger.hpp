@@ -36,6 +36,8 @@ class TcpLedger {
   void retainOnly(const std::vector<int32_t>& livePids);
 
   size_t socketCount() const { return last_.size(); }
+  // The socket was in the last dump.
+  bool knows(uint64_t inode) const { return last_.count(inode) > 0; }
 
  private:
   struct Counts {
@@ -44,7 +46,12 @@ class TcpLedger {
   Counts moved(const TcpSocketBytes& socket) const;
 
   bool primed_ = false;
-  std::unordered_map<uint64_t, Counts> last_;            // inode to its counters at the last dump
+  struct Seen {
+    Counts counts;
+    uint32_t dump = 0;  // the dump that last had the socket
+  };
+  std::unordered_map<uint64_t, Seen> last_;  // inode to its counters at the last dump
+  uint32_t dumps_ = 0;
   std::unordered_map<int32_t, ProcessNetBytes> totals_;  // pid to what its sockets moved
 };
 

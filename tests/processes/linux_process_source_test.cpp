@@ -526,9 +526,10 @@ TEST(LinuxProcessSource, NetworkBytesOfOwnSocketsByTheirOwners) {
        [&] { link(4001, 4, 504); },
        {200, 10},
        {50, 5}},
-      {"once it has run, its descriptors are listed again",
+      {"once it has run, and the socket is looked for again, its descriptors are listed again",
        {{501, me, 300, 20}, {502, me, 50, 5}, {504, me, 90, 9}},
        [&] {
+         clock.advance(kSocketSearchRetrySeconds);
          tree.overwrite("proc/4001/stat", statText(4001, "tool", 999, 5000, 4000));
          source->counters(4001);
        },

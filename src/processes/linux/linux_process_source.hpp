@@ -39,6 +39,11 @@ inline constexpr double kDesktopMissSeconds = 600;
 // How long the memory and storage figures of a process that has not run are reused (seconds).
 inline constexpr double kIdleRefreshSeconds = 15;
 
+// A socket that moved bytes but was found in no process's descriptors (a process we cannot read,
+// or one that opened it without using a clock tick of CPU) is looked for again only after this
+// many seconds: otherwise every network reading would list the descriptors of every busy process.
+inline constexpr double kSocketSearchRetrySeconds = 30;
+
 // Runs the process-status tool and returns its output; empty when it cannot run.
 using PsRunner = std::function<std::string()>;
 

@@ -206,14 +206,24 @@ class LinuxProcessSource final : public ProcessSource {
       auto it = socketOwner_.find(inode);
       return it == socketOwner_.end() ? 0 : it->second;
     };
-    if (!ledger_.unowned(sockets_, owner).empty()) {
+    const double now = clock_.uptime();
+    auto unowned = ledger_.unowned(sockets_, owner);
+    std::erase_if(unowned, [&](uint64_t inode) {
+      auto it = searchedAt_.find(inode);
+      return it != searchedAt_.end() && now - it->second < kSocketSearchRetrySeconds;
+    });
+    if (!unowned.empty()) {
       for (auto& [pid, t] : tracked_) {
         if (t.kernel || !t.own) continue;
         if (t.socketsScanned && t.lastTicks == t.socketScanTicks) continue;
         scanSockets(pid, t);
       }
+      for (uint64_t inode : unowned) {
+        if (owner(inode) == 0) searchedAt_[inode] = now;
+      }
     }
     ledger_.apply(sockets_, owner);
+    std::erase_if(searchedAt_, [this](const auto& entry) { return !ledger_.knows(entry.first); });
     for (const auto& [pid, t] : tracked_) {
       if (!t.kernel && t.own) out.emplace(pid, ledger_.total(pid));
     }
@@ -516,6 +526,7 @@ class LinuxProcessSource final : public ProcessSource {
   TcpLedger ledger_;
   std::vector<TcpSocketBytes> sockets_;                // the last dump, reused
   std::unordered_map<uint64_t, int32_t> socketOwner_;  // socket inode to the pid found holding it
+  std::unordered_map<uint64_t, double> searchedAt_;    // unowned sockets looked for, and when
   uid_t euid_;
   uint64_t clockTicks_ = 100;
   uint64_t pageSize_ = 4096;

@@ -50,10 +50,32 @@ bool TcpDiag::dump(std::vector<TcpSocketBytes>& out) {
     ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     buffer_.resize(kBufferSize);
   }
+  if (bothAtOnce_) {
+    if (dumpBoth(out)) return true;
+    bothAtOnce_ = false;
+    out.clear();
+    close();
+    return dump(out);
+  }
   if (dumpFamily(AF_INET, out) && dumpFamily(AF_INET6, out)) return true;
   out.clear();
   close();
   return false;
+}
+
+bool TcpDiag::dumpBoth(std::vector<TcpSocketBytes>& out) {
+  struct {
+    nlmsghdr header;
+    inet_diag_req body;
+  } request{};
+  request.header.nlmsg_len = sizeof request;
+  request.header.nlmsg_type = TCPDIAG_GETSOCK;
+  request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  request.header.nlmsg_seq = ++sequence_;
+  request.body.idiag_family = AF_INET;  // the older dump reports both families whatever this says
+  request.body.idiag_ext = 1u << (INET_DIAG_INFO - 1);
+  request.body.idiag_states = kDataStates;
+  return send(&request, sizeof request) && receive(out);
 }
 
 bool TcpDiag::dumpFamily(uint8_t family, std::vector<TcpSocketBytes>& out) {
@@ -66,14 +88,20 @@ bool TcpDiag::dumpFamily(uint8_t family, std::vector<TcpSocketBytes>& out) {
   request.body.sdiag_protocol = IPPROTO_TCP;
   request.body.idiag_ext = 1u << (INET_DIAG_INFO - 1);
   request.body.idiag_states = kDataStates;
+  return send(&request, sizeof request) && receive(out);
+}
+
+bool TcpDiag::send(const void* request, size_t size) {
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
   ssize_t sent;
   do {
-    sent = ::sendto(fd_, &request, sizeof request, 0, reinterpret_cast<sockaddr*>(&kernel),
-                    sizeof kernel);
+    sent = ::sendto(fd_, request, size, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
   } while (sent < 0 && errno == EINTR);
-  if (sent != static_cast<ssize_t>(sizeof request)) return false;
+  return sent == static_cast<ssize_t>(size);
+}
+
+bool TcpDiag::receive(std::vector<TcpSocketBytes>& out) {
   while (true) {
     ssize_t n = ::recv(fd_, buffer_.data(), buffer_.size(), 0);
     if (n < 0 && errno == EINTR) continue;
