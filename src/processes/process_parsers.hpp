@@ -87,4 +87,28 @@ std::optional<DrmClient> parseDrmFdinfo(std::string_view text);
 // /proc/<pid>/cmdline: arguments separated (and usually ended) by zero bytes.
 std::vector<std::string> parseCmdline(std::string_view text);
 
+// --- Linux socket diagnostics (netlink bytes; portable) ---
+
+// One TCP socket of a NETLINK_SOCK_DIAG dump, with the byte counters of its tcp_info.
+struct TcpSocketBytes {
+  uint64_t inode = 0;     // the socket's inode: "socket:[<inode>]" among its owner's descriptors
+  uint32_t uid = 0;       // the user that created it
+  uint64_t received = 0;  // tcpi_bytes_received: payload bytes received over the socket's life
+  uint64_t acked = 0;     // tcpi_bytes_acked: payload bytes sent and acknowledged by the peer
+  bool operator==(const TcpSocketBytes&) const = default;
+};
+
+enum class DumpStatus {
+  more,    // every message parsed; the dump goes on in the next datagram
+  done,    // the dump's end (NLMSG_DONE) was reached
+  failed,  // an error message, or a message whose length does not fit the datagram
+};
+
+// One datagram of an inet_diag dump (SOCK_DIAG_BY_FAMILY or the older TCPDIAG_GETSOCK) requested
+// with the INET_DIAG_INFO extension, in the host's
+// byte order (netlink is never byte-swapped). Appends every socket that has an inode (time-wait
+// entries have none) and a tcp_info long enough to hold both byte counters (kernels from 4.2);
+// other messages and attributes are skipped.
+DumpStatus parseSockDiag(const uint8_t* data, size_t size, std::vector<TcpSocketBytes>& out);
+
 }  // namespace vistrel

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sampling/fakes.hpp"
@@ -356,6 +358,28 @@ TEST_F(SamplerTest, DebugTimingLine) {
   EXPECT_GE(children, 0);
   EXPECT_STREQ(bg, "no");
   EXPECT_NE(lines[1].find("bg yes\n"), std::string::npos);
+}
+
+// start() ticks at once, not one period later, and that first tick reads everything: every slow
+// reader is due, and the process table is read with network and GPU.
+TEST_F(SamplerTest, TheFirstTickAfterStartComesAtOnceAndReadsEverything) {
+  sampler->start(3600);
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!sampler->lastSnapshot() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_TRUE(sampler->lastSnapshot());
+  main.drain();
+  ASSERT_EQ(delivered.size(), 1u);
+  EXPECT_EQ(log.thermal, std::vector<int>{0});
+  EXPECT_EQ(log.battery, std::vector<int>{0});
+  EXPECT_EQ(log.audio, std::vector<int>{0});
+  EXPECT_EQ(log.bluetooth, std::vector<int>{0});
+  ASSERT_EQ(log.processes.size(), 1u);
+  EXPECT_TRUE(log.processes[0].network);
+  EXPECT_TRUE(log.processes[0].gpu);
+  EXPECT_EQ(delivered[0].apps.size(), 1u);
+  EXPECT_EQ(delivered[0].battery.percent, 90);
 }
 
 TEST_F(SamplerTest, SetIntervalKeepsOrReplacesTheTimer) {
