@@ -48,6 +48,12 @@ class FakeHost : public ControlHost {
     ++agentsReads;
     return agents;
   }
+  // As the application does: a sample on demand only while no Snapshot has arrived.
+  std::optional<Snapshot> coldSnapshot() override {
+    if (snapshot) return std::nullopt;
+    ++coldReads;
+    return cold;
+  }
 
   std::optional<Snapshot> snapshot;
   std::vector<AlertEvent> kept;
@@ -55,6 +61,8 @@ class FakeHost : public ControlHost {
   HistoryStore* store = nullptr;
   AgentsSnapshot agents;
   int agentsReads = 0;
+  std::optional<Snapshot> cold;  // what a sample taken now would give; absent: no sampler
+  int coldReads = 0;
 };
 
 // An app with its processes added to the snapshot, owned by `uid`.
@@ -159,6 +167,43 @@ TEST_F(ControlTest, OnlyHistoryAndAgentsAreAnsweredOffTheMainThread) {
   // Should they reach the main thread anyway, they are answered the same.
   EXPECT_EQ(control.answerOnMain("agents", json::object()),
             *control.answerOffMain("agents", json::object()));
+}
+
+// The socket opens before the first Snapshot reaches the application: the first call is answered
+// from a sample taken on demand, not with "no sample yet" or an empty list.
+TEST_F(ControlTest, BeforeTheFirstSnapshotTheSnapshotToolsAnswerFromASampleTakenNow) {
+  host.snapshot.reset();
+  host.cold = Snapshot{};
+  addApp(*host.cold, "Safari", {10, 11});
+  struct Case {
+    const char* tool;
+    json args;
+  } cases[] = {
+      {"status", json::object()}, {"list_apps", {{"limit", 5}}}, {"get_app", {{"name", "saf"}}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.tool);
+    auto off = control.answerOffMain(c.tool, c.args);
+    ASSERT_TRUE(off) << "answered on the connection's thread, without the main thread";
+    OJson answer = OJson::parse(*off);
+    EXPECT_EQ(answer["ok"], true) << *off;
+  }
+  EXPECT_EQ(result("list_apps")[0]["name"], "Safari");
+  EXPECT_EQ(result("get_app", {{"name", "Safari"}})["process_list"].size(), 2u);
+  // A bad argument is still refused, and quit_app never acts on a sample the window never saw.
+  EXPECT_EQ(error("list_apps", {{"sort", "name"}}), Control::kBadSort);
+  EXPECT_FALSE(control.answerOffMain("quit_app", {{"name", "Safari"}}));
+
+  // No sampler at all: the main thread's answers.
+  host.cold.reset();
+  EXPECT_EQ(error("status"), Control::kNoSample);
+  EXPECT_EQ(result("list_apps"), OJson::array());
+
+  // Once a Snapshot has arrived, no sample is taken on demand.
+  host.snapshot = Snapshot{};
+  const int reads = host.coldReads;
+  result("status");
+  result("list_apps");
+  EXPECT_EQ(host.coldReads, reads);
 }
 
 TEST_F(ControlTest, InvalidUTF8IsReplacedNotThrown) {
