@@ -40,20 +40,6 @@ class ClaudeReaderTest : public ::testing::Test {
   }
 };
 
-TEST_F(ClaudeReaderTest, HalfWrittenLineIsReadOnceWhenCompleted) {
-  const std::string second = assistant("msg_2", "req_2", {0, 7, 0, 0});
-  folder.write(std::string(kAlpha) + "s1.jsonl",
-               assistant("msg_1", "req_1", {5, 0, 0, 0}) + second.substr(0, 40));
-  EXPECT_EQ(refresh().today, (TokenTotals{5, 0, 0, 0}));
-  folder.append(std::string(kAlpha) + "s1.jsonl", second.substr(40));
-  ClaudeRefresh r = refresh();
-  EXPECT_EQ(r.today, (TokenTotals{5, 7, 0, 0}));
-  EXPECT_EQ(find(r, "s1")->replies, 2);
-  r = refresh();
-  EXPECT_EQ(r.today, (TokenTotals{5, 7, 0, 0}));
-  EXPECT_EQ(find(r, "s1")->replies, 2);
-}
-
 TEST_F(ClaudeReaderTest, ShorterReplacementIsReadFromItsStart) {
   const std::string path = std::string(kAlpha) + "s1.jsonl";
   folder.write(path,
