@@ -49,16 +49,26 @@ Application::Application(ApplicationOptions options, SamplerParts parts, ManualM
     agents_->refresh(snapshot.agents, minimumGap,
                      [this](AgentsSnapshot agents) { model_->setAgents(std::move(agents)); });
   };
-  controlHost_ = std::make_unique<ModelControlHost>(*model_, history_.get(), [this] {
-    std::vector<AgentSession> sessions;
-    {
-      std::lock_guard lock(sessionsLock_);
-      sessions = latestSessions_;
-    }
-    return agents_->readNow(sessions);
-  });
+  controlHost_ = std::make_unique<ModelControlHost>(
+      *model_, history_.get(),
+      [this] {
+        std::vector<AgentSession> sessions;
+        {
+          std::lock_guard lock(sessionsLock_);
+          sessions = latestSessions_;
+        }
+        return agents_->readNow(sessions);
+      },
+      [sampler = std::weak_ptr<Sampler>(sampler_)]() -> std::optional<Snapshot> {
+        if (auto s = sampler.lock()) return s->sampleNow();
+        return std::nullopt;
+      });
   control_ = std::make_unique<Control>(*controlHost_, clock);
-  controlServer_ = std::make_unique<ControlServer>(main_, *control_, folder + "/control.sock");
+  // The socket is where `--mcp` looks whatever its environment (ControlSocket::path), not in a
+  // support folder moved by XDG_DATA_HOME; a test's own folder keeps it there.
+  controlServer_ = std::make_unique<ControlServer>(
+      main_, *control_,
+      options_.supportFolder.empty() ? ControlSocket::path() : folder + "/control.sock");
 }
 
 Application::~Application() {
@@ -101,6 +111,7 @@ void Application::requestQuit() {
 
 void Application::sampled() {
   ++received_;
+  controlHost_->snapshotArrived();
   if (model_->latest()) {
     std::lock_guard lock(sessionsLock_);
     latestSessions_ = model_->latest()->agents;

@@ -12,9 +12,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -210,6 +213,61 @@ TEST_F(ControlServerTest, PathOver103BytesBindsTheCutPathAndClientsReachIt) {
   EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");
   server->stop();
   EXPECT_FALSE(std::filesystem::exists(path.substr(0, 103)));
+}
+
+// MCP clients start `--mcp` with HOME and PATH and little else: the socket's place must not move
+// with the XDG variables the application may have been started with.
+TEST(ControlSocketPath, DependsOnTheHomeFolderAloneAndAlwaysFitsTheAddress) {
+  struct Saved {
+    const char* name;
+    std::optional<std::string> value;
+  };
+  std::vector<Saved> saved;
+  for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME"}) {
+    const char* v = std::getenv(name);
+    saved.push_back({name, v ? std::optional<std::string>(v) : std::nullopt});
+  }
+  const std::string longHome = "/home/" + std::string(120, 'h');
+  struct Case {
+    const char* name;
+    std::string home;
+    std::vector<std::pair<const char*, const char*>> xdg;
+  } cases[] = {
+      {"no XDG variables", "/home/ada", {}},
+      {"XDG folders moved",
+       "/home/ada",
+       {{"XDG_DATA_HOME", "/srv/data"},
+        {"XDG_RUNTIME_DIR", "/run/user/1000"},
+        {"XDG_CONFIG_HOME", "/srv/config"}}},
+      {"a home too deep for the address", longHome, {}},
+      {"a home too deep, XDG moved", longHome, {{"XDG_DATA_HOME", "/d"}}},
+  };
+  std::map<std::string, std::string> pathOfHome;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ::setenv("HOME", c.home.c_str(), 1);
+    for (const char* name : {"XDG_DATA_HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME"}) {
+      ::unsetenv(name);
+    }
+    for (const auto& [name, value] : c.xdg) ::setenv(name, value, 1);
+    const std::string path = ControlSocket::path();
+    EXPECT_LE(path.size(), ControlSocket::kMaxPathBytes);
+    EXPECT_TRUE(path.ends_with("/control.sock")) << path;
+    if (c.home == longHome) {
+      EXPECT_EQ(path, ControlSocket::fallbackPath(::getuid()));
+    } else {
+      EXPECT_TRUE(path.starts_with(c.home + "/")) << path;
+    }
+    auto [at, inserted] = pathOfHome.emplace(c.home, path);
+    EXPECT_EQ(at->second, path) << "the same home gives the same socket";
+  }
+  for (const auto& s : saved) {
+    if (s.value) {
+      ::setenv(s.name, s.value->c_str(), 1);
+    } else {
+      ::unsetenv(s.name);
+    }
+  }
 }
 
 TEST_F(ControlServerTest, StartingTwiceKeepsOneListenerAndASecondServerRefuses) {
