@@ -8,7 +8,8 @@ SYSTEM := $(shell uname -s)
 # One clang-format for everyone: versions disagree on details, and the tree is formatted with 14.
 CLANG_FORMAT_VERSION := 14
 CLANG_FORMAT ?= $(shell command -v clang-format-$(CLANG_FORMAT_VERSION) 2>/dev/null || command -v clang-format 2>/dev/null)
-# The libc++ build compiles everything a second time: through ccache where there is one.
+# Every build goes through ccache where there is one: the libc++ build compiles everything a
+# second time, and a fresh checkout on a machine that built before compiles little.
 CCACHE_LAUNCHER := $(shell command -v ccache >/dev/null 2>&1 && echo -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 # LeakSanitizer exists on Linux only; asking for it on macOS makes every sanitized run abort.
 ifeq ($(SYSTEM),Linux)
@@ -26,7 +27,7 @@ deps:
 
 # The release build alone.
 build: deps
-	@cmake --preset release >/dev/null
+	@cmake --preset release $(CCACHE_LAUNCHER) >/dev/null
 	@cmake --build --preset release -j $(JOBS)
 
 run: build
@@ -37,12 +38,12 @@ run: build
 test: deps format-check portable-check test-dev test-asan test-libcxx
 
 test-dev:
-	@cmake --preset dev >/dev/null
+	@cmake --preset dev $(CCACHE_LAUNCHER) >/dev/null
 	@cmake --build --preset dev -j $(JOBS)
 	@ctest --preset dev -j $(JOBS)
 
 test-asan:
-	@cmake --preset asan >/dev/null
+	@cmake --preset asan $(CCACHE_LAUNCHER) >/dev/null
 	@cmake --build --preset asan -j $(JOBS)
 	@ASAN_OPTIONS=$(ASAN_OPTIONS_TEST) UBSAN_OPTIONS=print_stacktrace=1 ctest --preset asan -j $(JOBS) -L 'base|format|sampling|processes|history|alerts|agents|control|app'
 
