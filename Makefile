@@ -10,6 +10,9 @@ CLANG_FORMAT_VERSION := 14
 CLANG_FORMAT ?= $(shell command -v clang-format-$(CLANG_FORMAT_VERSION) 2>/dev/null || command -v clang-format 2>/dev/null)
 # Every build goes through ccache where there is one: the libc++ build compiles everything a
 # second time, and a fresh checkout on a machine that built before compiles little.
+# Paths inside the checkout are hashed relative to it, so another clone's objects are reused too.
+export CCACHE_BASEDIR := $(CURDIR)
+export CCACHE_NOHASHDIR := 1
 CCACHE_LAUNCHER := $(shell command -v ccache >/dev/null 2>&1 && echo -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 # LeakSanitizer exists on Linux only; asking for it on macOS makes every sanitized run abort.
 ifeq ($(SYSTEM),Linux)
