@@ -208,7 +208,7 @@ void Chart::paintEvent(QPaintEvent*) {
 
 BarRow::BarRow(QWidget* parent) : QWidget(parent) {
   setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
-  setMinimumHeight(70);
+  setFixedHeight(44);
 }
 
 void BarRow::setValues(std::vector<double> values) {
@@ -223,9 +223,11 @@ void BarRow::paintEvent(QPaintEvent*) {
   const double n = static_cast<double>(values_.size());
   const double slot = width() / n;
   const double gap = std::min(6.0, slot * 0.3);
+  // Thin bars however few the cores, so that two cores do not read as two slabs.
+  const double barWidth = std::min(slot - gap, 28.0);
   p.setRenderHint(QPainter::Antialiasing, true);
   for (size_t i = 0; i < values_.size(); ++i) {
-    QRectF track(slot * static_cast<double>(i), 0, slot - gap, height());
+    QRectF track(slot * static_cast<double>(i), 0, barWidth, height());
     p.setPen(Qt::NoPen);
     p.setBrush(pal.grid);
     p.drawRoundedRect(track, 3, 3);

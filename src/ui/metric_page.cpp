@@ -63,6 +63,7 @@ class MetricPage final : public PageWidget {
     auto* switchRow = new QHBoxLayout;
     switchRow->setSpacing(6);
     auto* group = new QButtonGroup(this);
+    rangeGroup_ = group;
     group->setExclusive(true);
     int index = 0;
     for (const Range& r : ranges()) {
@@ -81,7 +82,7 @@ class MetricPage final : public PageWidget {
     // The chart.
     auto* chartCard = new Card;
     chart_ = new Chart;
-    chart_->setMinimumHeight(230);
+    chart_->setMinimumHeight(190);
     chartCard->body()->addWidget(chart_, 1);
     caption_ = makeLabel({}, kCaption, true);
     chartCard->body()->addWidget(caption_);
@@ -122,6 +123,16 @@ class MetricPage final : public PageWidget {
     appsCard_->body()->addStretch();
     lower->addWidget(appsCard_, 2);
     content()->addLayout(lower);
+  }
+
+  void setRange(std::optional<TimeSpan> span) override {
+    const auto& all = ranges();
+    for (size_t i = 0; i < all.size(); ++i) {
+      if (all[i].span == span) {
+        rangeGroup_->button(static_cast<int>(i))->setChecked(true);
+        selectRange(static_cast<int>(i));
+      }
+    }
   }
 
   void refresh() override {
@@ -254,6 +265,7 @@ class MetricPage final : public PageWidget {
   }
 
   Metric metric_;
+  QButtonGroup* rangeGroup_ = nullptr;
   std::optional<TimeSpan> span_;
   double historyAt_ = -1e9;
   int asked_ = 0;

@@ -6,7 +6,10 @@
 #include <functional>
 #include <string>
 
+#include <optional>
+
 #include "app/settings.hpp"
+#include "history/time_span.hpp"
 
 class QVBoxLayout;
 class QScrollArea;
@@ -15,13 +18,11 @@ namespace vistrel {
 class Model;
 class HistoryStore;
 class MainLoop;
-class Application;
 }  // namespace vistrel
 
 namespace vistrel::ui {
 
 struct PageContext {
-  Application& app;
   Model& model;
   HistoryStore* history = nullptr;  // null: no history (the pages say so)
   std::function<void(Page)> go;     // show another page
@@ -37,6 +38,8 @@ class PageWidget : public QWidget {
   virtual void refresh() = 0;
   // The appearance changed: re-colour what is not repainted from the palette.
   virtual void restyle();
+  // Metric pages: show a span of the history (absent: live). Other pages ignore it.
+  virtual void setRange(std::optional<TimeSpan>) {}
 
  protected:
   QVBoxLayout* content() { return content_; }

@@ -33,7 +33,7 @@ class WindowShell final : public ApplicationShell {
       : app_(app),
         model_(app.model()),
         hooks_(readDevHooks([](const char* name) { return std::getenv(name); })),
-        context_{app, app.model(), &app.history(), [this](Page p) { go(p); },
+        context_{app.model(), &app.history(), [this](Page p) { go(p); },
                  runningExecutablePath().value_or("vistrel")} {
     window_ = std::make_unique<MainWindow>(context_);
     restoreFrame();
@@ -46,8 +46,11 @@ class WindowShell final : public ApplicationShell {
     model_.hooks.applyDock = [] {};
     model_.addObserver([this](const Snapshot&) { window_->refresh(); });
 
-    window_->onVisibilityEvent = [this] { model_.setWindowVisible(window_->onScreen()); };
+    followVisibility(*window_, model_);
     window_->onFrameChanged = [this] { frameTimer_.start(); };
+    if (std::getenv("VISTREL_DEBUG")) {
+      window_->onFirstPaint = [] { std::fprintf(stderr, "window painted\n"); };
+    }
     frameTimer_.setSingleShot(true);
     frameTimer_.setInterval(kFrameSaveDelayMs);
     QObject::connect(&frameTimer_, &QTimer::timeout, [this] { saveFrame(); });
@@ -77,8 +80,16 @@ class WindowShell final : public ApplicationShell {
         target = ShowTarget{};
       }
       go(target->page);
+      if (target->span) window_->showRange(target->page, target->span);
     }
+    // A start with the window closed, as a login launch does: the menu bar (or tray) only.
+    if (target && target->hidden) return;
     showWindow();
+    if (target && target->tour) {
+      // Every page once, a tick apart, then back to the overview (memory after a full visit).
+      for (Page p : sidebarPages()) go(p), QCoreApplication::processEvents();
+      go(Page::overview);
+    }
     if (model_.showWelcome() || (target && target->welcome)) {
       model_.setShowWelcome(false);
       showWelcome(*window_, context_);

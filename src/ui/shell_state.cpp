@@ -1,8 +1,10 @@
 #include "ui/shell_state.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
 
 namespace vistrel::ui {
 
@@ -39,8 +41,28 @@ std::optional<ShowTarget> showTarget(std::string_view value) {
   } else if (value == "quit") {
     t.quit = true;
     t.page = Page::apps;
+  } else if (value == "hidden") {
+    t.hidden = true;
+  } else if (value == "tour") {
+    t.tour = true;
   } else if (auto page = pageFromRaw(value)) {
     t.page = *page;
+  } else if (size_t colon = value.find(':'); colon != std::string_view::npos) {
+    auto metricPage = pageFromRaw(value.substr(0, colon));
+    std::string_view range = value.substr(colon + 1);
+    static constexpr std::pair<std::string_view, TimeSpan> kRanges[] = {{"hour", TimeSpan::hour},
+                                                                        {"day", TimeSpan::day},
+                                                                        {"week", TimeSpan::week},
+                                                                        {"month", TimeSpan::month},
+                                                                        {"year", TimeSpan::year}};
+    const auto* found = std::find_if(std::begin(kRanges), std::end(kRanges),
+                                     [&](const auto& r) { return r.first == range; });
+    if (!metricPage || found == std::end(kRanges) || *metricPage < Page::cpu ||
+        *metricPage > Page::heat) {
+      return std::nullopt;
+    }
+    t.page = *metricPage;
+    t.span = found->second;
   } else {
     return std::nullopt;
   }

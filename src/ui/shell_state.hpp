@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "app/settings.hpp"
+#include "history/time_span.hpp"
 
 namespace vistrel::ui {
 
@@ -43,6 +44,12 @@ struct ShowTarget {
   bool welcome = false;  // "welcome": the welcome sheet over the overview
   bool share = false;    // "share": the share sheet (not built yet: the overview)
   bool quit = false;     // "quit": the apps page with a quit to confirm (not built yet)
+  // For benchmarks and screenshots, beyond the page names: "cpu:day" opens a metric page on a
+  // range of its history ("hour", "day", "week", "month", "year"); "hidden" starts with the window
+  // closed, as a login launch does; "tour" shows every page once, then the overview.
+  std::optional<TimeSpan> span;
+  bool hidden = false;
+  bool tour = false;
 };
 // Empty text shows the overview; an unknown name gives nullopt (the hook then shows the overview
 // and says why).

@@ -610,13 +610,26 @@ HistoryView historyView(Metric metric, TimeSpan span, const std::vector<HistoryP
     v.empty = "Nothing recorded for this span yet. Vistrel keeps a record while it runs.";
     return v;
   }
-  // The full scale, in the metric's unit.
-  double top = 0;
-  const HistoryPoint* peak = &points.front();
+  // One bar per bucket of the span, empty where nothing was recorded, so gaps show as gaps.
+  const int64_t b = bucket(span);
+  const int64_t first = startSeconds / b * b;
+  const size_t count = static_cast<size_t>((nowSeconds / b * b - first) / b + 1);
+  auto inSpan = [&](const HistoryPoint& p) {
+    return p.time >= first && static_cast<size_t>((p.time - first) / b) < count;
+  };
+  // The span's peak, among its own points only.
+  const HistoryPoint* peak = nullptr;
   for (const HistoryPoint& p : points) {
-    if (std::max(p.peak, p.value) > std::max(peak->peak, peak->value)) peak = &p;
+    if (inSpan(p) && (!peak || std::max(p.peak, p.value) > std::max(peak->peak, peak->value))) {
+      peak = &p;
+    }
+  }
+  if (!peak) {
+    v.empty = "Nothing recorded for this span yet. Vistrel keeps a record while it runs.";
+    return v;
   }
   const double peakValue = std::max(peak->peak, peak->value);
+  double top = 0;  // the full scale, in the metric's unit
   switch (metric) {
     case Metric::cpu:
     case Metric::gpu:
@@ -636,16 +649,11 @@ HistoryView historyView(Metric metric, TimeSpan span, const std::vector<HistoryP
   }
   v.chart.top = Fmt::metricValue(metric, top);
   v.chart.middle = Fmt::metricValue(metric, top / 2);
-  // One bar per bucket of the span, empty where nothing was recorded, so gaps show as gaps.
-  const int64_t b = bucket(span);
-  const int64_t first = startSeconds / b * b;
-  const size_t count = static_cast<size_t>((nowSeconds / b * b - first) / b + 1);
   v.chart.levels.assign(count, 0);
   v.chart.peaks.assign(count, 0);
   for (const HistoryPoint& p : points) {
-    if (p.time < first) continue;
-    size_t i = static_cast<size_t>((p.time - first) / b);
-    if (i >= count) continue;
+    if (!inSpan(p)) continue;
+    const size_t i = static_cast<size_t>((p.time - first) / b);
     v.chart.levels[i] = std::clamp(p.value / top, 0.0, 1.0);
     v.chart.peaks[i] = std::clamp(p.peak / top, 0.0, 1.0);
   }

@@ -18,6 +18,8 @@ namespace vistrel::ui {
 namespace {
 
 QPointer<QDialog> gSheet;
+// The width of the sheet's text, pixels: about 70 characters a line.
+constexpr int kTextWidth = 500;
 
 class WelcomeSheet final : public QDialog {
  public:
@@ -25,14 +27,15 @@ class WelcomeSheet final : public QDialog {
     setWindowTitle("Welcome to Vistrel");
     setWindowModality(Qt::WindowModal);
     setAttribute(Qt::WA_DeleteOnClose);
-    setFixedWidth(560);
     auto* layout = new QVBoxLayout(this);
+    layout->setSizeConstraint(QLayout::SetFixedSize);
     layout->setContentsMargins(32, 28, 32, 24);
     layout->setSpacing(14);
     layout->addWidget(makeLabel("Welcome to Vistrel", kTitle, false, true));
     auto paragraph = [&](const std::string& text, bool muted) {
       auto* label = makeLabel(QString::fromStdString(platformText(text)), kBody, muted);
       label->setWordWrap(true);
+      label->setFixedWidth(kTextWidth);
       layout->addWidget(label);
     };
     paragraph(
@@ -48,10 +51,15 @@ class WelcomeSheet final : public QDialog {
 
     status_ = makeLabel({}, kCaption, true);
     status_->setWordWrap(true);
+    status_->setFixedWidth(kTextWidth);
     status_->hide();
 
+    paragraph(
+        "Claude Code's status line can show your plan's limits as Vistrel reads them, and "
+        "AI agents can ask Vistrel what is slowing the machine.",
+        false);
     auto* connectRow = new QHBoxLayout;
-    auto* statusLine = new QPushButton("Connect Claude Code's Status Line");
+    auto* statusLine = new QPushButton("Connect the Status Line");
     QObject::connect(statusLine, &QPushButton::clicked, [this, statusLine] {
       auto failure = StatusLineBridge::connect(BridgePaths::defaults());
       status_->setText(QString::fromStdString(

@@ -84,7 +84,7 @@ Rows::Rows(std::vector<int> widths, QWidget* parent) : QWidget(parent), widths_(
 }
 
 int Rows::rowHeight() const {
-  return QFontMetrics(textFont(kBody)).height() + 14;
+  return QFontMetrics(textFont(kBody)).height() + 11;
 }
 
 void Rows::setRows(std::vector<Row> rows) {
@@ -143,7 +143,9 @@ void Rows::paintEvent(QPaintEvent*) {
       if (!isFirst && text) p.setPen(pal.muted);
       const int align = (text ? Qt::AlignLeft : Qt::AlignRight) | Qt::AlignVCenter;
       QString elided = p.fontMetrics().elidedText(row.cells[c], Qt::ElideRight, cell.width() - 8);
-      p.drawText(cell.adjusted(0, 0, text ? -8 : 0, 0), align, elided);
+      // Text after a figure keeps its distance from it.
+      const int lead = !isFirst && text ? 16 : 0;
+      p.drawText(cell.adjusted(lead, 0, text ? -8 : 0, 0), align, elided);
       x += w;
     }
   }

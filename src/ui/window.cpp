@@ -49,6 +49,14 @@ void MainWindow::showPage(Page page) {
   widget->refresh();
 }
 
+void followVisibility(MainWindow& window, Model& model) {
+  window.onVisibilityEvent = [&window, &model] { model.setWindowVisible(window.onScreen()); };
+}
+
+void MainWindow::showRange(Page page, std::optional<TimeSpan> span) {
+  pageWidget(page)->setRange(span);
+}
+
 void MainWindow::refresh() {
   if (!isVisible()) return;
   Model& model = context_.model;
@@ -83,6 +91,13 @@ void MainWindow::visibilityEvent() {
 }
 
 bool MainWindow::event(QEvent* e) {
+  if (e->type() == QEvent::UpdateRequest && !painted_) {
+    // The update request paints the whole window synchronously: once it returns, it is drawn.
+    bool handled = QMainWindow::event(e);
+    painted_ = true;
+    if (onFirstPaint) onFirstPaint();
+    return handled;
+  }
   switch (e->type()) {
     case QEvent::Show:
       if (!filterInstalled_ && windowHandle()) {

@@ -9,6 +9,10 @@
 
 class QStackedWidget;
 
+namespace vistrel {
+class Model;
+}
+
 namespace vistrel::ui {
 
 class Sidebar;
@@ -20,6 +24,8 @@ class MainWindow final : public QMainWindow {
   explicit MainWindow(PageContext& context);
 
   void showPage(Page page);
+  // Shows a metric page on a span of its history.
+  void showRange(Page page, std::optional<TimeSpan> span);
   Page page() const { return page_; }
   // Fresh data: the sidebar and the page on show repaint from the model.
   void refresh();
@@ -35,6 +41,8 @@ class MainWindow final : public QMainWindow {
   std::function<void()> onFrameChanged;
   // Called when the person asks to close the window (it hides).
   std::function<void()> onClose;
+  // Called once, after the window has been painted for the first time.
+  std::function<void()> onFirstPaint;
 
  protected:
   bool event(QEvent* e) override;
@@ -53,6 +61,11 @@ class MainWindow final : public QMainWindow {
   std::map<Page, PageWidget*> pages_;
   Page page_ = Page::overview;
   bool filterInstalled_ = false;
+  bool painted_ = false;
 };
+
+// Keeps the model's `windowVisible` (and so the sampling interval) in step with what the window
+// reports: shown, hidden, minimised, exposed or covered.
+void followVisibility(MainWindow& window, Model& model);
 
 }  // namespace vistrel::ui
