@@ -35,8 +35,9 @@ struct Loaded {
 
 // Loads the first usable candidate of `moduleName` that exports `entryName`; on failure `tried`
 // lists every place and why each failed.
+// `kind` names the module in messages ("application", "window").
 std::optional<Loaded> loadModule(const std::string& executable, const char* moduleName,
-                                 const char* entryName, std::string& tried) {
+                                 const char* entryName, const char* kind, std::string& tried) {
   for (const std::string& path : applicationModuleCandidates(executable, moduleName)) {
     if (::access(path.c_str(), F_OK) != 0) {
       tried += "\n  " + path + ": not there";
@@ -53,7 +54,7 @@ std::optional<Loaded> loadModule(const std::string& executable, const char* modu
     using Entry = int (*)(int);
     auto entry = reinterpret_cast<Entry>(::dlsym(module, entryName));
     if (!entry) {
-      tried += "\n  " + path + ": not a Vistrel module";
+      tried += "\n  " + path + ": not a Vistrel " + kind + " module";
       ::dlclose(module);
       continue;
     }
@@ -162,7 +163,7 @@ int runApplicationModule() {
   }
   if (!noWindow) {
     std::string tried;
-    if (auto window = loadModule(*executable, windowModule, kWindowEntryName, tried)) {
+    if (auto window = loadModule(*executable, windowModule, kWindowEntryName, "window", tried)) {
       return runLoaded(*window);
     }
     noWindow = "cannot load the window: " + mainReason(tried);
@@ -171,7 +172,8 @@ int runApplicationModule() {
 
   const char* moduleName = VISTREL_APPLICATION_MODULE;
   std::string tried;
-  if (auto module = loadModule(*executable, moduleName, kApplicationEntryName, tried)) {
+  if (auto module =
+          loadModule(*executable, moduleName, kApplicationEntryName, "application", tried)) {
     return runLoaded(*module);
   }
   std::fprintf(stderr, "vistrel: cannot load the application module %s:%s\n", moduleName,
