@@ -167,6 +167,13 @@ void Chart::setEmptyText(QString text) {
 void Chart::paintEvent(QPaintEvent*) {
   QPainter p(this);
   const Palette& pal = currentPalette();
+  if (values_.empty() && !empty_.isEmpty()) {
+    // Nothing to draw: the reason alone, without an empty grid that would pass for zeros.
+    p.setPen(pal.muted);
+    p.setFont(textFont(kBody));
+    p.drawText(rect(), Qt::AlignCenter | Qt::TextWordWrap, empty_);
+    return;
+  }
   p.setFont(figureFont(kCaption));
   const QFontMetricsF fm(p.font());
   const double labelH = fm.height();
@@ -185,11 +192,7 @@ void Chart::paintEvent(QPaintEvent*) {
   p.drawText(QRectF(plot.center().x(), plot.bottom() + 4, plot.width() / 2, labelH),
              Qt::AlignRight | Qt::AlignTop, rightEnd_);
 
-  if (values_.empty()) {
-    p.setFont(textFont(kBody));
-    p.drawText(plot, Qt::AlignCenter | Qt::TextWordWrap, empty_);
-    return;
-  }
+  if (values_.empty()) return;
   QRectF inner = plot.adjusted(0, 1, 0, -1);
   if (bars_) {
     QColor peak = pal.muted;

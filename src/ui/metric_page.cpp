@@ -60,7 +60,9 @@ class MetricPage final : public PageWidget {
     content()->addLayout(header);
 
     // The range switch.
-    auto* switchRow = new QHBoxLayout;
+    rangeBar_ = new QWidget;
+    auto* switchRow = new QHBoxLayout(rangeBar_);
+    switchRow->setContentsMargins(0, 0, 0, 0);
     switchRow->setSpacing(6);
     auto* group = new QButtonGroup(this);
     rangeGroup_ = group;
@@ -77,7 +79,7 @@ class MetricPage final : public PageWidget {
     }
     switchRow->addStretch();
     QObject::connect(group, &QButtonGroup::idClicked, [this](int id) { selectRange(id); });
-    content()->addLayout(switchRow);
+    content()->addWidget(rangeBar_);
 
     // The chart.
     auto* chartCard = new Card;
@@ -110,7 +112,7 @@ class MetricPage final : public PageWidget {
     if (metric == Metric::disk) {
       volumesTitle_ = makeLabel("Volumes", kHeading, false, true);
       details_->body()->addWidget(volumesTitle_);
-      volumes_ = new Rows({240, 70});
+      volumes_ = new Rows({230, 96});
       volumes_->setEmptyText("No volumes read yet.");
       details_->body()->addWidget(volumes_);
     }
@@ -144,7 +146,14 @@ class MetricPage final : public PageWidget {
     }
     const Snapshot& s = *model.latest();
     MetricPageView v = metricPageView(metric_, s, model.live(metric_));
-    subtitle_->setText(q(v.subtitle.empty() ? v.emptyState : v.subtitle));
+    subtitle_->setText(q(v.subtitle));
+    subtitle_->setVisible(!v.subtitle.empty());
+    // Without a source (no battery, no sensors) the page says so once, calmly, and offers no
+    // ranges or apps of figures that do not exist.
+    const bool none = !v.emptyState.empty();
+    rangeBar_->setVisible(!none);
+    appsCard_->setVisible(!none);
+    caption_->setVisible(!none);
     QString value = q(v.glance.value);
     value_->setFont(v.glance.available ? figureFont(kFigure, QFont::DemiBold) : textFont(kTitle));
     if (v.glance.attention != Attention::none) value = QString::fromUtf8("▲ ") + value;
@@ -160,7 +169,7 @@ class MetricPage final : public PageWidget {
       chart_->setLive(v.live.levels, Model::kLivePoints);
       chart_->setAxis(q(v.live.top), q(v.live.middle),
                       q(liveStart(model.settings().intervalSeconds, Model::kLivePoints)), "now");
-      caption_->setText(q(v.emptyState.empty() ? "Live, one point per sample" : ""));
+      caption_->setText("Live, one point per sample");
       apps_->setRows(factRows(busiestFor(metric_, s, 5)));
     } else {
       const double now = secondsNow();
@@ -281,6 +290,7 @@ class MetricPage final : public PageWidget {
   Chart* chart_;
   Card* details_;
   Card* appsCard_;
+  QWidget* rangeBar_;
   BarRow* cores_ = nullptr;
   QLabel* coresCaption_ = nullptr;
   Meter* stack_ = nullptr;

@@ -22,11 +22,14 @@ class MainLoop;
 
 namespace vistrel::ui {
 
+class LoginItem;
+
 struct PageContext {
   Model& model;
   HistoryStore* history = nullptr;  // null: no history (the pages say so)
   std::function<void(Page)> go;     // show another page
   std::string executable;           // this executable's path, for the agent-access commands
+  LoginItem* loginItem = nullptr;   // null: opening at login is not offered
 };
 
 // A page: scrolls when the window is smaller than its content, and is refreshed only while it is

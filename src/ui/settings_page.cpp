@@ -11,6 +11,7 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
+#include <QSignalBlocker>
 #include <QVBoxLayout>
 #include <set>
 
@@ -18,6 +19,7 @@
 #include "app/model.hpp"
 #include "format/platform_text.hpp"
 #include "history/history_store.hpp"
+#include "ui/login_item.hpp"
 #include "ui/page.hpp"
 #include "ui/theme.hpp"
 #include "ui/views.hpp"
@@ -171,8 +173,15 @@ class SettingsPage final : public PageWidget {
         card->body()->addWidget(checkBox("Show Vistrel in the Dock", s.showInDock,
                                          [this](bool on) { context_.model.setShowInDock(on); }));
       }
-      card->body()->addWidget(checkBox("Open Vistrel when you log in", s.openAtLogin,
-                                       [this](bool on) { context_.model.setOpenAtLogin(on); }));
+      if (context_.loginItem) {
+        loginBox_ = checkBox("Open Vistrel when you log in", s.openAtLogin,
+                             [this](bool on) { setOpenAtLogin(on); });
+        loginNote_ = makeLabel({}, kCaption, true);
+        loginNote_->setWordWrap(true);
+        loginNote_->hide();
+        card->body()->addWidget(loginBox_);
+        card->body()->addWidget(loginNote_);
+      }
       content()->addWidget(card);
     }
 
@@ -254,6 +263,20 @@ class SettingsPage final : public PageWidget {
     });
   }
 
+  // The switch never shows a state the system does not have: after asking, it follows the
+  // system's answer, and a refusal is said under it.
+  void setOpenAtLogin(bool on) {
+    auto refused = context_.loginItem->setEnabled(on);
+    const bool now = context_.loginItem->enabled();
+    context_.model.setOpenAtLogin(now);
+    if (loginBox_->isChecked() != now) {
+      QSignalBlocker quiet(loginBox_);
+      loginBox_->setChecked(now);
+    }
+    loginNote_->setText(refused ? q(*refused) : QString());
+    loginNote_->setVisible(refused.has_value());
+  }
+
   void toggleMenuItem(Metric m, bool on) {
     std::vector<Metric> items;
     for (Metric each : kAllMetrics) {
@@ -281,6 +304,8 @@ class SettingsPage final : public PageWidget {
   }
 
   QLabel* size_ = nullptr;
+  QCheckBox* loginBox_ = nullptr;
+  QLabel* loginNote_ = nullptr;
   bool sizeAsked_ = false;
 };
 

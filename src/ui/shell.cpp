@@ -14,6 +14,7 @@
 
 #include "agents/executable_path.hpp"
 #include "app/model.hpp"
+#include "ui/login_item.hpp"
 #include "ui/shell_state.hpp"
 #include "ui/theme.hpp"
 #include "ui/views.hpp"
@@ -35,6 +36,12 @@ class WindowShell final : public ApplicationShell {
         hooks_(readDevHooks([](const char* name) { return std::getenv(name); })),
         context_{app.model(), &app.history(), [this](Page p) { go(p); },
                  runningExecutablePath().value_or("vistrel")} {
+    loginItem_ = makeLoginItem(context_.executable);
+    context_.loginItem = loginItem_.get();
+    // The setting mirrors the system's registration, which may have changed while we were away.
+    if (model_.settings().openAtLogin != loginItem_->enabled()) {
+      model_.setOpenAtLogin(loginItem_->enabled());
+    }
     window_ = std::make_unique<MainWindow>(context_);
     restoreFrame();
     if (hooks_.size) window_->resize(hooks_.size->first, hooks_.size->second);
@@ -239,6 +246,7 @@ class WindowShell final : public ApplicationShell {
   Model& model_;
   DevHooks hooks_;
   PageContext context_;
+  std::unique_ptr<LoginItem> loginItem_;
   std::unique_ptr<MainWindow> window_;
   QTimer frameTimer_;
 };

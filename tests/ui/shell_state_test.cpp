@@ -4,7 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
 #include <map>
+
+#include "ui/login_item.hpp"
 
 namespace vistrel::ui {
 namespace {
@@ -120,6 +126,49 @@ TEST(ShellState, DevHooksIgnoreWhatTheyCannotRead) {
   EXPECT_TRUE(h.shotQuit);
   EXPECT_FALSE(h.show);
 }
+
+}  // namespace
+}  // namespace vistrel::ui
+
+namespace vistrel::ui {
+namespace {
+
+TEST(LoginItem, AutostartEntry) {
+  EXPECT_EQ(autostartPath("", "/home/me"), "/home/me/.config/autostart/vistrel.desktop");
+  EXPECT_EQ(autostartPath("/x/conf", "/home/me"), "/x/conf/autostart/vistrel.desktop");
+  // A relative XDG_CONFIG_HOME is invalid by the specification and ignored.
+  EXPECT_EQ(autostartPath("conf", "/home/me"), "/home/me/.config/autostart/vistrel.desktop");
+  EXPECT_NE(autostartEntry("/usr/bin/vistrel").find("\nExec=/usr/bin/vistrel\n"),
+            std::string::npos);
+  EXPECT_NE(autostartEntry("/opt/my apps/vi$trel").find("\nExec=\"/opt/my apps/vi\\$trel\"\n"),
+            std::string::npos);
+}
+
+#ifdef __linux__
+TEST(LoginItem, LinuxEntryFollowsTheSwitch) {
+  char tmpl[] = "/tmp/vistrel-login-XXXXXX";
+  const std::string folder = ::mkdtemp(tmpl);
+  ::setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
+  auto item = makeLoginItem("/usr/bin/vistrel");
+  EXPECT_FALSE(item->enabled());
+  EXPECT_FALSE(item->setEnabled(true));
+  EXPECT_TRUE(item->enabled());
+  EXPECT_TRUE(std::filesystem::exists(folder + "/autostart/vistrel.desktop"));
+  EXPECT_FALSE(item->setEnabled(false));
+  EXPECT_FALSE(item->enabled());
+  EXPECT_FALSE(item->setEnabled(false));  // already off: nothing to do, no complaint
+
+  // A folder that cannot be made: the refusal is said and the state stays off.
+  std::filesystem::remove_all(folder + "/autostart");
+  std::ofstream(folder + "/autostart") << "not a folder";
+  auto refused = item->setEnabled(true);
+  ASSERT_TRUE(refused);
+  EXPECT_NE(refused->find("could not be written"), std::string::npos) << *refused;
+  EXPECT_FALSE(item->enabled());
+  ::unsetenv("XDG_CONFIG_HOME");
+  std::filesystem::remove_all(folder);
+}
+#endif
 
 }  // namespace
 }  // namespace vistrel::ui
