@@ -8,12 +8,14 @@
 #include <QPainter>
 #include <QPixmap>
 #include <QScreen>
+#include <QStyleHints>
 #include <QTimer>
 #include <cstdio>
 #include <cstdlib>
 
 #include "agents/executable_path.hpp"
 #include "app/model.hpp"
+#include "ui/desktop.hpp"
 #include "ui/login_item.hpp"
 #include "ui/shell_state.hpp"
 #include "ui/theme.hpp"
@@ -49,8 +51,9 @@ class WindowShell final : public ApplicationShell {
     model_.hooks.openWindow = [this] { showWindow(); };
     model_.hooks.windowOnScreen = [this] { return window_->onScreen(); };
     model_.hooks.applyAppearance = [this] { applyTheme(); };
-    // The Dock belongs to macOS; elsewhere the window is always in the task bar.
-    model_.hooks.applyDock = [] {};
+    model_.hooks.applyDock = [this] {
+      desktop::setShowInDock(model_.settings().showInDock, window_->isVisible());
+    };
     model_.addObserver([this](const Snapshot&) { window_->refresh(); });
 
     followVisibility(*window_, model_);
@@ -63,7 +66,15 @@ class WindowShell final : public ApplicationShell {
     QObject::connect(&frameTimer_, &QTimer::timeout, [this] { saveFrame(); });
 
     applyTheme();
+    model_.hooks.applyDock();
     buildMenus();
+#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
+    // "Follow the system" follows it while running too.
+    QObject::connect(QGuiApplication::styleHints(), &QStyleHints::colorSchemeChanged, window_.get(),
+                     [this] {
+                       if (model_.settings().appearance == Appearance::system) applyTheme();
+                     });
+#endif
     // After the model has started (the loop runs posted tasks once the application runs).
     app_.mainLoop().post([this] { launched(); });
   }
@@ -192,6 +203,10 @@ class WindowShell final : public ApplicationShell {
     appMenu->addSeparator();
     add(
         appMenu, "Hide Vistrel", [this] { window_->hide(); }, QKeySequence("Ctrl+H"));
+    if (desktop::canHideOthers()) {
+      add(
+          appMenu, "Hide Others", [] { desktop::hideOthers(); }, QKeySequence("Ctrl+Alt+H"));
+    }
     appMenu->addSeparator();
     add(
         appMenu, "Quit Vistrel", [this] { app_.requestQuit(); }, QKeySequence::Quit)
