@@ -46,7 +46,7 @@ class WindowShell final : public ApplicationShell {
     }
     window_ = std::make_unique<MainWindow>(context_);
     restoreFrame();
-    if (hooks_.size) window_->resize(hooks_.size->first, hooks_.size->second);
+    if (hooks_.size) window_->resizeContent(hooks_.size->first, hooks_.size->second);
 
     model_.hooks.openWindow = [this] { showWindow(); };
     model_.hooks.windowOnScreen = [this] { return window_->onScreen(); };
@@ -162,7 +162,11 @@ class WindowShell final : public ApplicationShell {
     std::optional<Frame> saved;
     if (auto json = app_.defaults().get(kFrameKey)) saved = frameFromJson(*json);
     Frame f = restoredFrame(saved, {area.x(), area.y(), area.width(), area.height()});
-    window_->resize(f.width, f.height);
+    if (saved && f == *saved) {
+      window_->resize(f.width, f.height);  // the frame as it was left
+    } else {
+      window_->resizeContent(f.width, f.height);  // the default content size, centred
+    }
     window_->move(f.x, f.y);
   }
 
