@@ -45,8 +45,6 @@ class WindowShell final : public ApplicationShell {
       model_.setOpenAtLogin(loginItem_->enabled());
     }
     window_ = std::make_unique<MainWindow>(context_);
-    restoreFrame();
-    if (hooks_.size) window_->resizeContent(hooks_.size->first, hooks_.size->second);
 
     model_.hooks.openWindow = [this] { showWindow(); };
     model_.hooks.windowOnScreen = [this] { return window_->onScreen(); };
@@ -68,6 +66,9 @@ class WindowShell final : public ApplicationShell {
     applyTheme();
     model_.hooks.applyDock();
     buildMenus();
+    // After the menus: a menu bar inside the window adds to the content's size.
+    restoreFrame();
+    if (hooks_.size) window_->resizeContent(hooks_.size->first, hooks_.size->second);
 #if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
     // "Follow the system" follows it while running too.
     QObject::connect(QGuiApplication::styleHints(), &QStyleHints::colorSchemeChanged, window_.get(),
