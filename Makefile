@@ -63,7 +63,7 @@ shots-only:
 	@set -e; for scale in 1 2; do for theme in night paper; do for page in $(SHOT_PAGES); do \
 	  out=build/shots/$$(echo $$page | tr ':' '-')-$$theme@$${scale}x.png; \
 	  env -u XDG_CONFIG_HOME -u XDG_DATA_HOME -u DISPLAY -u WAYLAND_DISPLAY HOME=$(CURDIR)/build/shots/home \
-	    QT_QPA_PLATFORM=offscreen QT_SCALE_FACTOR=$$scale VISTREL_SHOW=$$page VISTREL_THEME=$$theme \
+	    QT_QPA_PLATFORM=offscreen QT_SCALE_FACTOR=$$scale VISTREL_SIZE=1180x780 VISTREL_SHOW=$$page VISTREL_THEME=$$theme \
 	    VISTREL_SHOT=$(CURDIR)/$$out VISTREL_SHOT_DELAY=$(SHOT_DELAY) VISTREL_SHOT_QUIT=1 \
 	    $(SHOT_BIN) 2>build/shots/last.log || { cat build/shots/last.log; exit 1; }; \
 	  [ -s $$out ] || { echo "no shot written for $$page" >&2; cat build/shots/last.log; exit 1; }; \
