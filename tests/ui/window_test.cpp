@@ -32,7 +32,8 @@ QApplication& qt() {
   static char* argv[] = {name, nullptr};
   static QApplication* app = [] {
     setenv("QT_QPA_PLATFORM", "offscreen", 0);
-    auto* a = new QApplication(argc, argv);
+    auto* a = qobject_cast<QApplication*>(QCoreApplication::instance());
+    if (!a) a = new QApplication(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     loadFonts();
     return a;
