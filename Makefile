@@ -21,7 +21,7 @@ else
 ASAN_OPTIONS_TEST := detect_leaks=0
 endif
 
-.PHONY: all deps build run test test-dev test-asan test-libcxx portable-check format-check format bench fuzz package package-test clean
+.PHONY: all deps build run test test-dev test-asan test-libcxx portable-check format-check format bench fuzz shots shots-only package package-test clean
 
 all: build
 
@@ -86,6 +86,29 @@ bench: build
 	  name=$${b##*/bench_}; \
 	  if [ -z "$(BENCH)" ] || [ "$(BENCH)" = "$$name" ]; then echo "== $$name"; "$$b"; fi; \
 	done
+
+# Every page of the window in both appearances at scale 1 and 2, drawn offscreen from live data
+# after a short delay, into build/shots/<page>-<appearance>@<scale>x.png. The application runs with
+# its own home folder there (kept between runs, so its history grows), already welcomed.
+SHOT_PAGES ?= overview cpu memory gpu disk network battery heat apps agents sensors alerts settings welcome cpu:hour
+SHOT_DELAY ?= 3.5
+SHOT_BIN ?= build/release/src/vistrel
+shots: build
+	@$(MAKE) --no-print-directory shots-only
+
+# The shots from the binary at SHOT_BIN, without building it first.
+shots-only:
+	@mkdir -p build/shots/home/.config/vistrel
+	@[ -f build/shots/home/.config/vistrel/defaults.json ] || echo '{"welcomed": true}' > build/shots/home/.config/vistrel/defaults.json
+	@set -e; for scale in 1 2; do for theme in night paper; do for page in $(SHOT_PAGES); do \
+	  out=build/shots/$$(echo $$page | tr ':' '-')-$$theme@$${scale}x.png; \
+	  env -u XDG_CONFIG_HOME -u XDG_DATA_HOME -u DISPLAY -u WAYLAND_DISPLAY HOME=$(CURDIR)/build/shots/home \
+	    QT_QPA_PLATFORM=offscreen QT_SCALE_FACTOR=$$scale VISTREL_SIZE=1180x780 VISTREL_SHOW=$$page VISTREL_THEME=$$theme \
+	    VISTREL_SHOT=$(CURDIR)/$$out VISTREL_SHOT_DELAY=$(SHOT_DELAY) VISTREL_SHOT_QUIT=1 \
+	    $(SHOT_BIN) 2>build/shots/last.log || { cat build/shots/last.log; exit 1; }; \
+	  [ -s $$out ] || { echo "no shot written for $$page" >&2; cat build/shots/last.log; exit 1; }; \
+	  echo "$$out"; \
+	done; done; done
 
 # Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS.
 fuzz:

@@ -28,7 +28,7 @@ ApplicationOptions ApplicationOptions::fromEnvironment() {
   return options;
 }
 
-Application::Application(ApplicationOptions options, SamplerParts parts, ManualMainQueue& main,
+Application::Application(ApplicationOptions options, SamplerParts parts, MainLoop& main,
                          const Clock& clock, std::unique_ptr<UserDefaults> defaults)
     : options_(std::move(options)),
       main_(main),
@@ -124,35 +124,53 @@ void Application::sampled() {
   if (options_.quitAfterTicks && received_ >= *options_.quitAfterTicks) requestQuit();
 }
 
-int runApplicationMode() {
-  // Block the termination signals in every thread (threads inherit the mask), and take them on one
-  // thread of our own, which turns them into a quit on the main queue: no work in signal handlers.
+void blockTerminationSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
+}
 
-  ManualMainQueue main;
+int runApplicationMode(MainLoop& loop, const ShellFactory& makeShell, ApplicationOptions options) {
+  // Block the termination signals in every thread (threads inherit the mask), and take them on one
+  // thread of our own, which turns them into a quit on the main queue: no work in signal handlers.
+  blockTerminationSignals();
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+
   int status = 0;
   {
     SamplerParts parts;
     auto processes = makeProcessLayer();
     installProcessStages(parts, processes);
     installAgentStage(parts, processes);
-    Application app(ApplicationOptions::fromEnvironment(), std::move(parts), main);
+    Application app(std::move(options), std::move(parts), loop);
     std::thread waiter([&signals, &app] {
       int received = 0;
       if (sigwait(&signals, &received) == 0 && received != 0) app.requestQuit();
     });
-    std::fprintf(stderr, "vistrel: running without a window; Ctrl-C stops\n");
+    std::unique_ptr<ApplicationShell> shell;
+    if (makeShell) {
+      shell = makeShell(app);
+    } else {
+      std::fprintf(stderr, "vistrel: running without a window; Ctrl-C stops\n");
+    }
     status = app.run();
-    // Wake the waiter if the run ended on its own (VISTREL_TEST_QUIT).
+    shell.reset();
+    // Wake the waiter if the run ended on its own (VISTREL_TEST_QUIT, Quit in the window).
     pthread_kill(waiter.native_handle(), SIGTERM);
     waiter.join();
   }
   return status;
+}
+
+int runApplicationMode() {
+  ManualMainQueue main;
+  return runApplicationMode(main, {}, ApplicationOptions::fromEnvironment());
 }
 
 }  // namespace vistrel

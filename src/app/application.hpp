@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,7 +36,7 @@ struct ApplicationOptions {
 class Application {
  public:
   // `defaults` null: the platform's user defaults.
-  Application(ApplicationOptions options, SamplerParts parts, ManualMainQueue& main,
+  Application(ApplicationOptions options, SamplerParts parts, MainLoop& main,
               const Clock& clock = Clock::system(), std::unique_ptr<UserDefaults> defaults = {});
   ~Application();
 
@@ -46,6 +47,9 @@ class Application {
   void requestQuit();
 
   Model& model() { return *model_; }
+  MainLoop& mainLoop() { return main_; }
+  UserDefaults& defaults() { return *defaults_; }
+  AgentsMonitor& agentsMonitor() { return *agents_; }
   ControlServer& controlServer() { return *controlServer_; }
   HistoryStore& history() { return *history_; }
   int snapshotsReceived() const { return received_; }
@@ -54,7 +58,7 @@ class Application {
   void sampled();
 
   ApplicationOptions options_;
-  ManualMainQueue& main_;
+  MainLoop& main_;
   std::unique_ptr<UserDefaults> defaults_;
   std::shared_ptr<Sampler> sampler_;
   // Records every snapshot; without a usable database it runs empty and the application goes on.
@@ -71,8 +75,22 @@ class Application {
   std::vector<AgentSession> latestSessions_;
 };
 
+// What a window adds to the application. Made on the main thread once the application exists and
+// before it starts; destroyed after its loop has ended and before the application goes.
+class ApplicationShell {
+ public:
+  virtual ~ApplicationShell() = default;
+};
+using ShellFactory = std::function<std::unique_ptr<ApplicationShell>(Application&)>;
+
+// Blocks SIGINT and SIGTERM in the calling thread and every thread it starts from now on, so that
+// only the waiter of `runApplicationMode` takes them. Call it before anything starts a thread.
+void blockTerminationSignals();
+
 // The application mode of the executable: blocks SIGINT and SIGTERM, turns them into a clean quit,
-// and runs the headless application. Returns the process's exit status.
+// and runs the application on `loop`: headless (on a manual queue, saying so on standard error)
+// when `shell` is empty, else with what the shell makes. Returns the process's exit status.
 int runApplicationMode();
+int runApplicationMode(MainLoop& loop, const ShellFactory& shell, ApplicationOptions options);
 
 }  // namespace vistrel

@@ -4,14 +4,130 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "agents/executable_path.hpp"
 
 #ifndef VISTREL_APPLICATION_MODULE
 #error "the build names the application module's file"
 #endif
+// The window module's file name; empty when the build has no user interface (no Qt).
+#ifndef VISTREL_WINDOW_MODULE
+#error "the build names the window module's file (empty without one)"
+#endif
 
 namespace vistrel {
+
+namespace {
+
+// macOS always has its window server; elsewhere a display must be named.
+#ifdef __APPLE__
+constexpr bool kAlwaysDisplay = true;
+#else
+constexpr bool kAlwaysDisplay = false;
+#endif
+
+struct Loaded {
+  void* handle = nullptr;
+  int (*entry)(int) = nullptr;
+  std::string path;
+};
+
+// Loads the first usable candidate of `moduleName` that exports `entryName`; on failure `tried`
+// lists every place and why each failed.
+// `kind` names the module in messages ("application", "window").
+std::optional<Loaded> loadModule(const std::string& executable, const char* moduleName,
+                                 const char* entryName, const char* kind, std::string& tried) {
+  for (const std::string& path : applicationModuleCandidates(executable, moduleName)) {
+    if (::access(path.c_str(), F_OK) != 0) {
+      tried += "\n  " + path + ": not there";
+      continue;
+    }
+    // Local: nothing of the module's joins the global scope, so its symbols never meet the
+    // executable's own copies of the same code.
+    void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!module) {
+      const char* why = ::dlerror();
+      tried += "\n  " + path + ": " + (why ? why : "cannot be loaded");
+      continue;
+    }
+    using Entry = int (*)(int);
+    auto entry = reinterpret_cast<Entry>(::dlsym(module, entryName));
+    if (!entry) {
+      tried += "\n  " + path + ": not a Vistrel " + kind + " module";
+      ::dlclose(module);
+      continue;
+    }
+    return Loaded{module, entry, path};
+  }
+  return std::nullopt;
+}
+
+int runLoaded(const Loaded& module) {
+  const int status = module.entry(kApplicationModuleInterface);
+  if (status == kApplicationModuleMismatch) {
+    std::fprintf(stderr, "vistrel: %s belongs to another version of Vistrel\n",
+                 module.path.c_str());
+  }
+  // Not closed: threads of the module's runtime may still be ending as the process exits.
+  return status;
+}
+
+// The most telling line of a list of failures: the first place where a module was there but would
+// not load (a missing library names itself), else the first place tried.
+std::string mainReason(const std::string& tried) {
+  std::string first;
+  size_t at = 0;
+  while ((at = tried.find("\n  ", at)) != std::string::npos) {
+    size_t end = tried.find('\n', at + 1);
+    std::string line = tried.substr(at + 3, end == std::string::npos ? end : end - at - 3);
+    if (first.empty()) first = line;
+    if (!line.ends_with(": not there")) return line;
+    at = at + 1;
+  }
+  return first;
+}
+
+}  // namespace
+
+std::optional<std::string> linuxDisplayProblem(
+    const std::function<const char*(const char*)>& env,
+    const std::function<bool(const std::string&)>& exists) {
+  auto set = [&](const char* name) {
+    const char* v = env(name);
+    return v && *v ? std::optional<std::string>(v) : std::nullopt;
+  };
+  // The toolkit's own platforms that draw without a display server (screenshots, benchmarks).
+  if (auto platform = set("QT_QPA_PLATFORM")) {
+    for (const char* own : {"offscreen", "minimal", "vnc", "linuxfb", "eglfs"}) {
+      if (platform->starts_with(own)) return std::nullopt;
+    }
+  }
+  if (auto wayland = set("WAYLAND_DISPLAY")) {
+    // A relative name lives in the runtime folder; an absolute one is the socket itself.
+    if (wayland->front() == '/') {
+      if (exists(*wayland)) return std::nullopt;
+    } else if (auto runtime = set("XDG_RUNTIME_DIR");
+               runtime && exists(*runtime + "/" + *wayland)) {
+      return std::nullopt;
+    }
+    if (!set("DISPLAY")) return "WAYLAND_DISPLAY names " + *wayland + ", which is not there";
+  }
+  auto display = set("DISPLAY");
+  if (!display) return std::string("no display (neither DISPLAY nor WAYLAND_DISPLAY is set)");
+  // ":N" or ":N.S" is a local server with a socket of a known name; any other form (a host, a
+  // path) is left for the toolkit to reach.
+  if (display->front() == ':') {
+    std::string number = display->substr(1, display->find('.') - 1);
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos) {
+      return "DISPLAY is " + *display + ", which names no display";
+    }
+    if (!exists("/tmp/.X11-unix/X" + number)) {
+      return "DISPLAY is " + *display + ", but that display is not running";
+    }
+  }
+  return std::nullopt;
+}
 
 std::vector<std::string> applicationModuleCandidates(std::string_view executable,
                                                      std::string_view moduleName) {
@@ -36,34 +152,34 @@ int runApplicationModule() {
                  "module beside it\n");
     return 1;
   }
+  const char* windowModule = VISTREL_WINDOW_MODULE;
+  std::optional<std::string> noWindow;
+  // VISTREL_HEADLESS (any value but empty or 0): the service unit runs the monitor without a window
+  // even where a session has a display.
+  const char* headless = std::getenv("VISTREL_HEADLESS");
+  if (*windowModule == '\0') {
+    noWindow = "this build has no window";
+  } else if (headless && *headless && std::string_view(headless) != "0") {
+    noWindow = "VISTREL_HEADLESS is set: running without a window";
+  } else if (!kAlwaysDisplay) {
+    noWindow =
+        linuxDisplayProblem([](const char* name) { return std::getenv(name); },
+                            [](const std::string& p) { return ::access(p.c_str(), F_OK) == 0; });
+  }
+  if (!noWindow) {
+    std::string tried;
+    if (auto window = loadModule(*executable, windowModule, kWindowEntryName, "window", tried)) {
+      return runLoaded(*window);
+    }
+    noWindow = "cannot load the window: " + mainReason(tried);
+  }
+  std::fprintf(stderr, "vistrel: %s\n", noWindow->c_str());
+
   const char* moduleName = VISTREL_APPLICATION_MODULE;
   std::string tried;
-  for (const std::string& path : applicationModuleCandidates(*executable, moduleName)) {
-    if (::access(path.c_str(), F_OK) != 0) {
-      tried += "\n  " + path + ": not there";
-      continue;
-    }
-    // Local: nothing of the module's joins the global scope, so its symbols never meet the
-    // executable's own copies of the same code.
-    void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!module) {
-      const char* why = ::dlerror();
-      tried += "\n  " + path + ": " + (why ? why : "cannot be loaded");
-      continue;
-    }
-    using Entry = int (*)(int);
-    auto entry = reinterpret_cast<Entry>(::dlsym(module, kApplicationEntryName));
-    if (!entry) {
-      tried += "\n  " + path + ": not a Vistrel application module";
-      ::dlclose(module);
-      continue;
-    }
-    const int status = entry(kApplicationModuleInterface);
-    if (status == kApplicationModuleMismatch) {
-      std::fprintf(stderr, "vistrel: %s belongs to another version of Vistrel\n", path.c_str());
-    }
-    // Not closed: threads of the module's runtime may still be ending as the process exits.
-    return status;
+  if (auto module =
+          loadModule(*executable, moduleName, kApplicationEntryName, "application", tried)) {
+    return runLoaded(*module);
   }
   std::fprintf(stderr, "vistrel: cannot load the application module %s:%s\n", moduleName,
                tried.c_str());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +21,21 @@ inline constexpr char kApplicationEntryName[] = "vistrel_application_main";
 inline constexpr int kApplicationModuleInterface = 1;
 inline constexpr int kApplicationModuleMismatch = 70;  // EX_SOFTWARE
 
+// The window: a second module holding the same application with its Qt user interface, tried
+// first when a display is there, so that a machine without Qt (a server) never maps it:
+//   extern "C" int vistrel_ui_main(int interfaceVersion);
+// with the same contract as the application's entry.
+inline constexpr char kWindowEntryName[] = "vistrel_ui_main";
+
+// Why the window cannot open on this machine, or nullopt when a display is there. Linux: neither
+// WAYLAND_DISPLAY nor DISPLAY names a display, or the one named is a local socket that does not
+// exist (a stale variable), in which case the toolkit would stop the process instead of failing.
+// A QT_QPA_PLATFORM that draws without a display server (offscreen) counts as a display.
+// `env` reads an environment variable (null when unset); `exists` tells whether a path exists.
+std::optional<std::string> linuxDisplayProblem(
+    const std::function<const char*(const char*)>& env,
+    const std::function<bool(const std::string&)>& exists);
+
 // Where the module may be, most likely first, for the executable at `executable` (absolute) and
 // the module's file name: beside the executable (a build folder, a plain install), in the
 // bundle's Frameworks folder (".../Vistrel.app/Contents/MacOS/vistrel"), and in ../lib/vistrel
@@ -26,8 +43,10 @@ inline constexpr int kApplicationModuleMismatch = 70;  // EX_SOFTWARE
 std::vector<std::string> applicationModuleCandidates(std::string_view executable,
                                                      std::string_view moduleName);
 
-// The application mode: finds and loads the module, and runs it. On failure writes why to
-// standard error and returns 1; nothing else of the application has run by then.
+// The application mode: with a display, finds and runs the window module; without one, or when
+// the window module or the toolkit's libraries cannot be loaded, writes why in one line to
+// standard error and runs the application module headless. When neither can be loaded, writes
+// why to standard error and returns 1; nothing else of the application has run by then.
 int runApplicationModule();
 
 }  // namespace vistrel

@@ -15,9 +15,18 @@ class MainQueue {
   virtual void post(std::function<void()> task) = 0;
 };
 
+// A main queue that is also the main thread's loop: `run` runs posted tasks until `quit` (which
+// any thread may call; tasks posted before it still run). The headless application uses the
+// manual queue below; the window runs it on its toolkit's event loop.
+class MainLoop : public MainQueue {
+ public:
+  virtual void run() = 0;
+  virtual void quit() = 0;
+};
+
 // A main queue driven by hand: tests call `drain`, the headless application calls `run` on its
 // main thread until `quit`.
-class ManualMainQueue final : public MainQueue {
+class ManualMainQueue final : public MainLoop {
  public:
   void post(std::function<void()> task) override;
 
@@ -26,8 +35,8 @@ class ManualMainQueue final : public MainQueue {
 
   // Runs tasks as they arrive until `quit` is called; tasks already posted when quit is called
   // still run. Returns at once when quit was called before.
-  void run();
-  void quit();
+  void run() override;
+  void quit() override;
 
   // Waits until at least one task is pending or `seconds` have passed; true when a task is pending.
   bool waitForTask(double seconds);

@@ -5,7 +5,10 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
+#include <set>
+#include <string>
 
 namespace vistrel {
 namespace {
@@ -88,6 +91,52 @@ TEST(ApplicationModule, EachInstalledLayoutFindsItsOwnModules) {
   }
 
   fs::remove_all(root);
+}
+
+TEST(ApplicationModule, DisplayProblems) {
+  struct Case {
+    const char* name;
+    std::map<std::string, std::string> env;
+    std::set<std::string> existing;
+    std::optional<std::string> problem;  // a part of the reason; nullopt: a display is there
+  } cases[] = {
+      {"nothing set", {}, {}, "no display"},
+      {"empty DISPLAY", {{"DISPLAY", ""}}, {}, "no display"},
+      {"local X server", {{"DISPLAY", ":0"}}, {"/tmp/.X11-unix/X0"}, std::nullopt},
+      {"local X screen", {{"DISPLAY", ":1.0"}}, {"/tmp/.X11-unix/X1"}, std::nullopt},
+      {"stale DISPLAY", {{"DISPLAY", ":5"}}, {}, "not running"},
+      {"garbled DISPLAY", {{"DISPLAY", ":x"}}, {}, "names no display"},
+      {"remote X server", {{"DISPLAY", "host:10.0"}}, {}, std::nullopt},
+      {"wayland",
+       {{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_RUNTIME_DIR", "/run/user/1"}},
+       {"/run/user/1/wayland-0"},
+       std::nullopt},
+      {"wayland by path", {{"WAYLAND_DISPLAY", "/run/w"}}, {"/run/w"}, std::nullopt},
+      {"stale wayland",
+       {{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_RUNTIME_DIR", "/run/user/1"}},
+       {},
+       "not there"},
+      {"stale wayland, live X",
+       {{"WAYLAND_DISPLAY", "wayland-0"}, {"DISPLAY", ":0"}},
+       {"/tmp/.X11-unix/X0"},
+       std::nullopt},
+      {"offscreen", {{"QT_QPA_PLATFORM", "offscreen"}}, {}, std::nullopt},
+      {"a platform needing a server", {{"QT_QPA_PLATFORM", "xcb"}}, {}, "no display"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto problem = linuxDisplayProblem(
+        [&](const char* name) -> const char* {
+          auto found = c.env.find(name);
+          return found == c.env.end() ? nullptr : found->second.c_str();
+        },
+        [&](const std::string& path) { return c.existing.count(path) > 0; });
+    ASSERT_EQ(problem.has_value(), c.problem.has_value()) << problem.value_or("");
+    if (problem) {
+      EXPECT_NE(problem->find(*c.problem), std::string::npos) << *problem;
+      EXPECT_EQ(problem->find('\n'), std::string::npos);
+    }
+  }
 }
 
 }  // namespace

@@ -42,6 +42,12 @@ class LightModes : public ::testing::Test {
   std::vector<std::string> environment() const {
     return testing::homeEnvironment(folder_ + "/home");
   }
+  // As if a display were there: Qt's offscreen platform counts as one, so the window would load.
+  std::vector<std::string> displayEnvironment() const {
+    auto env = environment();
+    env.push_back("QT_QPA_PLATFORM=offscreen");
+    return env;
+  }
   Running start(const std::string& binary, std::vector<std::string> args) {
     return testing::startBinary(binary, std::move(args), environment());
   }
@@ -92,8 +98,9 @@ TEST_F(LightModes, RunFromALoneExecutable) {
 
 TEST_F(LightModes, NeverMapTheApplicationsLibraries) {
   if (!fs::exists("/proc/self/maps")) GTEST_SKIP() << "no /proc memory maps here";
-  // The built executable, with its module beside it: the light mode still leaves it alone.
-  Running mcp = start(VISTREL_BINARY, {"--mcp"});
+  // The built executable, with its modules beside it and a display there: the light mode still
+  // leaves them and the toolkit alone.
+  Running mcp = testing::startBinary(VISTREL_BINARY, {"--mcp"}, displayEnvironment());
   std::string output, errors;
   ASSERT_EQ(::write(mcp.in, kInitialize.data(), kInitialize.size()),
             static_cast<ssize_t>(kInitialize.size()));
@@ -101,10 +108,93 @@ TEST_F(LightModes, NeverMapTheApplicationsLibraries) {
   const std::string maps = mappedFiles(mcp.pid);
   EXPECT_EQ(mcp.finish(output, errors), 0) << errors;
   ASSERT_FALSE(maps.empty());
-  for (const char* library : {"libsqlite3", "libsimdjson", "libzstd", "vistrel-application"}) {
+  for (const char* library :
+       {"libsqlite3", "libsimdjson", "libzstd", "vistrel-application", "vistrel-ui", "libQt6"}) {
     EXPECT_EQ(maps.find(library), std::string::npos) << library << " mapped by --mcp:\n" << maps;
   }
+
+  // The status line, caught while it waits for Claude Code's input.
+  Running bridge = testing::startBinary(VISTREL_BINARY, {"--statusline"}, displayEnvironment());
+  ::usleep(300'000);
+  const std::string bridgeMaps = mappedFiles(bridge.pid);
+  const std::string input = payload();
+  ASSERT_EQ(::write(bridge.in, input.data(), input.size()), static_cast<ssize_t>(input.size()));
+  EXPECT_EQ(bridge.finish(output, errors), 0) << errors;
+  ASSERT_FALSE(bridgeMaps.empty());
+  for (const char* library : {"libsqlite3", "vistrel-application", "vistrel-ui", "libQt6"}) {
+    EXPECT_EQ(bridgeMaps.find(library), std::string::npos)
+        << library << " mapped by --statusline:\n"
+        << bridgeMaps;
+  }
 }
+
+#ifdef VISTREL_WINDOW_MODULE_PATH
+// Read standard error until `text` appears or ten seconds pass.
+std::string readErrorsUntil(Running& app, const std::string& text) {
+  std::string errors;
+  auto deadline = Clock::now() + std::chrono::seconds(10);
+  char buffer[4096];
+  while (errors.find(text) == std::string::npos && Clock::now() < deadline) {
+    pollfd p{app.err, POLLIN, 0};
+    if (::poll(&p, 1, 200) <= 0) continue;
+    ssize_t n = ::read(app.err, buffer, sizeof buffer);
+    if (n <= 0) break;
+    errors.append(buffer, static_cast<size_t>(n));
+  }
+  return errors;
+}
+
+TEST_F(LightModes, WithADisplayTheApplicationOpensItsWindow) {
+  if (!fs::exists("/proc/self/maps")) GTEST_SKIP() << "no /proc memory maps here";
+  auto env = displayEnvironment();
+  env.push_back("VISTREL_DEBUG=1");
+  Running app = testing::startBinary(VISTREL_BINARY, {}, env);
+  std::string errors = readErrorsUntil(app, "window painted");
+  const std::string maps = mappedFiles(app.pid);
+  ::kill(app.pid, SIGTERM);
+  std::string output;
+  EXPECT_EQ(app.finish(output, errors), 0) << errors;
+  EXPECT_NE(errors.find("window painted"), std::string::npos) << errors;
+  EXPECT_EQ(errors.find("running without a window"), std::string::npos) << errors;
+  EXPECT_NE(maps.find(fs::path(VISTREL_WINDOW_MODULE_PATH).filename().string()), std::string::npos);
+  EXPECT_EQ(maps.find("vistrel-application"), std::string::npos);
+}
+
+TEST_F(LightModes, WithoutTheWindowModuleTheApplicationRunsHeadless) {
+  if (!fs::exists("/proc/self/maps")) GTEST_SKIP() << "no /proc memory maps here";
+  // The lone executable with only the application module beside it, as on a server without Qt.
+  const std::string moduleName = fs::path(VISTREL_APPLICATION_MODULE_PATH).filename().string();
+  fs::copy_file(VISTREL_APPLICATION_MODULE_PATH, folder_ + "/bin/" + moduleName);
+  struct Case {
+    const char* name;
+    std::vector<std::string> env;
+    std::string why;
+  } cases[] = {
+      {"no display", environment(), "no display"},
+      {"no window module", displayEnvironment(), "cannot load the window"},
+      {"a stale display",
+       [this] {
+         auto env = environment();
+         env.push_back("DISPLAY=:987");
+         return env;
+       }(),
+       "not running"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Running app = testing::startBinary(lone_, {}, c.env);
+    std::string errors = readErrorsUntil(app, "running without a window");
+    ::kill(app.pid, SIGTERM);
+    std::string output;
+    EXPECT_EQ(app.finish(output, errors), 0) << errors;
+    EXPECT_NE(errors.find("running without a window"), std::string::npos) << errors;
+    // Why, in one line before it.
+    size_t why = errors.find(c.why);
+    ASSERT_NE(why, std::string::npos) << errors;
+    EXPECT_EQ(errors.rfind('\n', why), std::string::npos) << errors;
+  }
+}
+#endif
 
 TEST_F(LightModes, TheApplicationLoadsItsModule) {
   if (!fs::exists("/proc/self/maps")) GTEST_SKIP() << "no /proc memory maps here";
