@@ -160,7 +160,7 @@ int runApplicationModule() {
   if (*windowModule == '\0') {
     noWindow = "this build has no window";
   } else if (headless && *headless && std::string_view(headless) != "0") {
-    noWindow = "VISTREL_HEADLESS is set: running without a window";
+    noWindow = "VISTREL_HEADLESS is set (no window wanted)";
   } else if (!kAlwaysDisplay) {
     noWindow =
         linuxDisplayProblem([](const char* name) { return std::getenv(name); },

@@ -179,6 +179,13 @@ TEST_F(LightModes, WithoutTheWindowModuleTheApplicationRunsHeadless) {
          return env;
        }(),
        "not running"},
+      {"the service's setting",
+       [this] {
+         auto env = displayEnvironment();
+         env.push_back("VISTREL_HEADLESS=1");
+         return env;
+       }(),
+       "VISTREL_HEADLESS is set"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
