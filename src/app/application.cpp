@@ -73,7 +73,10 @@ Application::Application(ApplicationOptions options, SamplerParts parts, MainLoo
 
 Application::~Application() {
   controlServer_->stop();
-  // Stop ticking before the model goes; queued hand-offs find the sampler gone and do nothing.
+  // Stop ticking before the model and the main queue go: a tick under way when a termination
+  // signal arrived is waited for, so nothing is posted to a main queue that no longer exists.
+  // Hand-offs already queued find no consumer and do nothing.
+  sampler_->stop();
   sampler_->setOnSnapshot(nullptr);
   sampler_.reset();
 }

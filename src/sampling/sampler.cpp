@@ -87,8 +87,17 @@ Sampler::~Sampler() {
   if (timer_) timer_->cancel();
 }
 
+void Sampler::stop() {
+  // The queue is serial: this runs after the tick under way, and no tick runs after it.
+  queue_.sync([this] {
+    stopped_ = true;
+    if (timer_) timer_->cancel();
+  });
+}
+
 void Sampler::installTimer(double firstDelay) {
   if (timer_) timer_->cancel();
+  if (stopped_) return;
   std::weak_ptr<Sampler> weak = weak_from_this();
   timer_ = queue_.schedule(firstDelay, interval_, [weak] {
     if (auto self = weak.lock()) self->tick();

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -414,6 +417,53 @@ TEST(SamplerLifetime, DestroyingTheSamplerStopsTicksAndDropsPendingHandOffs) {
   }
   main.drain();  // the posted hand-off finds no sampler and does nothing
   EXPECT_EQ(delivered, 0);
+}
+
+// A CPU source whose read blocks until released, to hold a tick under way.
+struct BlockingCPU : FakeCPU {
+  std::mutex lock;
+  std::condition_variable changed;
+  bool reading = false, released = false;
+  bool coreTicks(std::vector<CoreTicks>& out) override {
+    std::unique_lock hold(lock);
+    reading = true;
+    changed.notify_all();
+    changed.wait(hold, [this] { return released; });
+    return FakeCPU::coreTicks(out);
+  }
+};
+
+// Stopping while a tick reads (a termination signal mid-tick) waits for that tick, and no tick
+// is posted to the main queue afterwards, even when asked to start again.
+TEST(SamplerLifetime, StopWaitsForTheTickUnderWayAndEndsTicking) {
+  ManualMainQueue main;
+  SamplerParts parts;
+  auto cpu = std::make_unique<BlockingCPU>();
+  BlockingCPU* blocking = cpu.get();
+  parts.cpu = std::move(cpu);
+  auto sampler = Sampler::create(std::move(parts), main);
+  sampler->start(1);
+  {
+    std::unique_lock hold(blocking->lock);
+    blocking->changed.wait(hold, [&] { return blocking->reading; });
+  }
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] {
+    sampler->stop();
+    stopped = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(stopped);  // still waiting for the read
+  {
+    std::lock_guard hold(blocking->lock);
+    blocking->released = true;
+  }
+  blocking->changed.notify_all();
+  stopper.join();
+  EXPECT_EQ(main.drain(), 1u);  // the tick under way was finished and handed off
+  sampler->start(1);
+  sampler->setInterval(2);
+  EXPECT_FALSE(main.waitForTask(1.5));
 }
 
 }  // namespace
