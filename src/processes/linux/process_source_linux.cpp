@@ -140,6 +140,7 @@ class LinuxProcessSource final : public ProcessSource {
     id.uid = *uid;
     id.path = withoutDeleted(readLink(pidPath(pid, "exe")).value_or(""));
     id.baseName = std::move(stat->comm);
+    if (id.path.starts_with("/memfd:")) programOfMemfd(pid, id);
     if (auto boot = bootTime()) {
       id.started = dateFromSeconds(*boot + static_cast<double>(stat->starttime) /
                                                static_cast<double>(clockTicks_));
@@ -148,6 +149,18 @@ class LinuxProcessSource final : public ProcessSource {
       if (auto appId = parseCgroupAppId(text)) id.appPath = desktops_.find(*appId);
     }
     return id;
+  }
+
+  // A program run from an anonymous memory file (a sealed copy of itself, as container runtimes
+  // and sandboxes make) has "/memfd:<label>" for an executable, and that label, cut to 15 bytes,
+  // as its short name: neither says what it is. The command line's first word does.
+  void programOfMemfd(int32_t pid, ProcessIdentity& id) {
+    id.path.clear();
+    std::vector<std::string> args = arguments(pid);
+    if (args.empty() || args.front().empty()) return;
+    const std::string& program = args.front();
+    if (program.front() == '/') id.path = program;
+    id.baseName = program.substr(program.rfind('/') + 1);
   }
 
   // These two may run on any thread: they build their own paths instead of using path_.

@@ -287,6 +287,50 @@ TEST(LinuxProcessSource, AnExecIsNoticedAndTheIdentityReadAgain) {
   EXPECT_EQ(after->started, before->started);
 }
 
+// A program run from an anonymous memory file is named by its command line, not by the
+// memory file's label.
+TEST(LinuxProcessSource, AProgramRunFromAMemoryFileIsNamedByItsCommandLine) {
+  struct Case {
+    const char* what;
+    std::string exe, comm;
+    std::vector<std::string> args;
+    std::string name, path;
+  } cases[] = {
+      {"relative program",
+       "/memfd:sealed-91173221a7ea (deleted)",
+       "memfd:sealed-91",
+       {"tools/binary_backend", "--uid", "0"},
+       "binary_backend",
+       ""},
+      {"absolute program",
+       "/memfd:runc_cloned:/proc/self/exe (deleted)",
+       "runc:[2:INIT]",
+       {"/usr/bin/runc", "init"},
+       "runc",
+       "/usr/bin/runc"},
+      {"no command line", "/memfd:x (deleted)", "memfd:x", {}, "memfd:x", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Tree tree;
+    ManualClock clock{100};
+    ProcessSampler sampler(tree.source(clock), clock, [] { return 7; });
+    tree.overwrite("proc/4007/stat", statText(4007, c.comm.c_str(), 40, 9000, 1500));
+    std::string cmdline;
+    for (const auto& arg : c.args) cmdline += arg + '\0';
+    tree.overwrite("proc/4007/cmdline", cmdline);
+    fs::remove(tree.path("proc/4007/exe"));
+    fs::create_symlink(c.exe, tree.path("proc/4007/exe"));
+    std::optional<ProcessSample> found;
+    for (auto& s : sampler.sample(false, 9.5, false)) {
+      if (s.pid == 4007) found = s;
+    }
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->name, c.name);
+    EXPECT_EQ(found->path, c.path);
+  }
+}
+
 // Descriptors this process holds on files under `folder`.
 size_t descriptorsUnder(const std::string& folder) {
   size_t n = 0;
