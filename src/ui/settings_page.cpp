@@ -9,9 +9,12 @@
 #include <QHBoxLayout>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QPainter>
 #include <QPointer>
 #include <QPushButton>
 #include <QSignalBlocker>
+#include <QStyle>
+#include <QStyleOptionButton>
 #include <QVBoxLayout>
 #include <set>
 
@@ -49,14 +52,55 @@ QWidget* withNote(QWidget* control, const QString& note) {
   return box;
 }
 
+// A check box whose box follows the appearance (the style sheet draws it) and whose tick is drawn
+// here in the window's colour: filled and ticked when on, so the state is never colour alone.
+class TickBox final : public QCheckBox {
+ public:
+  using QCheckBox::QCheckBox;
+  void paintEvent(QPaintEvent* event) override {
+    QCheckBox::paintEvent(event);
+    if (!isChecked()) return;
+    QStyleOptionButton option;
+    initStyleOption(&option);
+    const QRectF box = style()->subElementRect(QStyle::SE_CheckBoxIndicator, &option, this);
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QPen pen(currentPalette().window, 2);
+    pen.setCapStyle(Qt::RoundCap);
+    pen.setJoinStyle(Qt::RoundJoin);
+    painter.setPen(pen);
+    const QPointF c = box.center();
+    painter.drawPolyline(
+        QPolygonF({c + QPointF(-4, 0), c + QPointF(-1.2, 3), c + QPointF(4.2, -3.2)}));
+  }
+};
+
 QCheckBox* checkBox(const QString& text, bool on, std::function<void(bool)> changed) {
-  auto* box = new QCheckBox(text);
+  auto* box = new TickBox(text);
   box->setChecked(on);
   box->setFont(textFont(kBody));
   QObject::connect(box, &QCheckBox::toggled,
                    [changed = std::move(changed)](bool v) { changed(v); });
   return box;
 }
+
+// A choice list whose arrow is a chevron in the text's colour: the style sheet gives the list the
+// card's look, and the toolkit's own arrow box would not match either appearance.
+class ChoiceBox final : public QComboBox {
+ public:
+  void paintEvent(QPaintEvent* event) override {
+    QComboBox::paintEvent(event);
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QPen pen(currentPalette().muted, 1.6);
+    pen.setCapStyle(Qt::RoundCap);
+    pen.setJoinStyle(Qt::RoundJoin);
+    painter.setPen(pen);
+    const QPointF centre(width() - 14.0, height() / 2.0 + 1);
+    painter.drawPolyline(QPolygonF(
+        {centre + QPointF(-4, -2.5), centre + QPointF(0, 1.5), centre + QPointF(4, -2.5)}));
+  }
+};
 
 class SettingsPage final : public PageWidget {
  public:
@@ -70,7 +114,7 @@ class SettingsPage final : public PageWidget {
       auto* card = new Card("Updates");
       auto* row = new QHBoxLayout;
       row->addWidget(makeLabel("Read the machine every", kBody));
-      auto* interval = new QComboBox;
+      auto* interval = new ChoiceBox;
       interval->setFont(textFont(kBody));
       for (double choice : intervalChoices()) interval->addItem(q(intervalTitle(choice)), choice);
       int at = interval->findData(s.intervalSeconds);
@@ -99,7 +143,7 @@ class SettingsPage final : public PageWidget {
       card->body()->addWidget(promise);
       auto* row = new QHBoxLayout;
       row->addWidget(makeLabel("Keep the history for", kBody));
-      auto* retention = new QComboBox;
+      auto* retention = new ChoiceBox;
       retention->setFont(textFont(kBody));
       for (int days : retentionChoices()) retention->addItem(q(retentionTitle(days)), days);
       int at = retention->findData(s.retentionDays);

@@ -73,8 +73,17 @@ QPushButton:hover { border-color: %4; }
 QPushButton:pressed { background: %5; }
 QPushButton:checked { background: %5; border-color: %4; color: %1; }
 QPushButton:disabled { color: %6; }
-QCheckBox { color: %1; spacing: 8px; }
-QComboBox { color: %1; background: %2; border: 1px solid %3; border-radius: 7px; padding: 4px 10px; }
+QCheckBox { color: %1; spacing: 10px; }
+QCheckBox::indicator { width: 16px; height: 16px; border: 1px solid %6; border-radius: 4px;
+  background: %2; }
+QCheckBox::indicator:hover { border-color: %4; }
+QCheckBox::indicator:checked { background: %4; border-color: %4; }
+QCheckBox::indicator:disabled { border-color: %3; }
+QComboBox { color: %1; background: %2; border: 1px solid %3; border-radius: 7px;
+  padding: 4px 30px 4px 10px; }
+QComboBox:hover { border-color: %4; }
+QComboBox::drop-down { subcontrol-origin: padding; subcontrol-position: center right; width: 26px;
+  border: none; background: transparent; }
 QComboBox QAbstractItemView { color: %1; background: %2; selection-background-color: %5; }
 QPlainTextEdit, QLineEdit { color: %1; background: %7; border: 1px solid %3; border-radius: 7px;
   padding: 6px; selection-background-color: %5; }

@@ -451,11 +451,14 @@ MetricPageView metricPageView(Metric metric, const Snapshot& s, const std::deque
       v.live = {scaled(live, 1), {}, {}, Fmt::mem(s.memory.total), Fmt::mem(s.memory.total / 2)};
       v.subtitle = Fmt::mem(s.memory.total) + " installed";
       const uint64_t t = s.memory.total;
+      // The record's free memory holds the cache (it can be given back at once); the breakdown
+      // shows the cache on its own line, so free here is what nothing uses at all.
+      const uint64_t unused = s.memory.free > s.memory.cached ? s.memory.free - s.memory.cached : 0;
       v.breakdown = {{"Apps", Fmt::mem(s.memory.app), share(s.memory.app, t)},
                      {"Wired", Fmt::mem(s.memory.wired), share(s.memory.wired, t)},
                      {"Compressed", Fmt::mem(s.memory.compressed), share(s.memory.compressed, t)},
                      {"Cached", Fmt::mem(s.memory.cached), share(s.memory.cached, t)},
-                     {"Free", Fmt::mem(s.memory.free), share(s.memory.free, t)}};
+                     {"Free", Fmt::mem(unused), share(unused, t)}};
       std::string pressure = s.memory.pressure == Pressure::critical  ? "Critical"
                              : s.memory.pressure == Pressure::warning ? "High"
                                                                       : "Normal";
