@@ -37,8 +37,6 @@ class ZstdLineDecoder {
   size_t feed(std::string_view input, const std::function<void(std::string_view)>& body);
 
   bool failed() const { return failed_; }
-  // Between frames, with no partial line: the whole input so far decoded cleanly.
-  bool atFrameEnd() const { return frameDone_ && partial_.empty(); }
 
  private:
   struct Context;

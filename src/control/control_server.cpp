@@ -303,11 +303,6 @@ ControlServer::~ControlServer() {
   stop();
 }
 
-bool ControlServer::isListening() const {
-  std::lock_guard lock(mutex_);
-  return static_cast<bool>(listener_);
-}
-
 namespace {
 
 // True when a server answers on `path` already (another instance of the application).

@@ -65,8 +65,6 @@ class ControlServer {
   // main queue are not called again (a task already queued finds the server stopped).
   void stop();
 
-  bool isListening() const;
-
   // What the accept loop, the answering threads and queued main-thread tasks hold on to (defined
   // in the implementation; named here only so that its helpers can name it).
   struct Shared;
@@ -77,7 +75,7 @@ class ControlServer {
   const std::string path_;
   const ControlServerLimits limits_;
 
-  mutable std::mutex mutex_;  // start, stop and the fields below
+  std::mutex mutex_;  // start, stop and the fields below
   OwnedFd listener_;
   OwnedFd wakeRead_, wakeWrite_;  // a byte on this pipe ends the accept loop
   std::thread acceptThread_;

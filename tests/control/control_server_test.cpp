@@ -303,7 +303,6 @@ TEST_F(ControlServerTest, RefusesAFolderOthersMayWriteOrAFileThatIsNoSocket) {
     SCOPED_TRACE(mode);
     ASSERT_EQ(::chmod(sub.c_str(), mode), 0);
     EXPECT_FALSE(make().start());
-    EXPECT_FALSE(server->isListening());
     EXPECT_FALSE(std::filesystem::exists(path));
   }
   ASSERT_EQ(::chmod(sub.c_str(), 0755), 0);
@@ -317,7 +316,6 @@ TEST_F(ControlServerTest, RefusesAFolderOthersMayWriteOrAFileThatIsNoSocket) {
 TEST_F(ControlServerTest, StopRemovesTheFileAndStartWorksAgainAndAfterAStaleFile) {
   make().start();
   server->stop();
-  EXPECT_FALSE(server->isListening());
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_EQ(ask(R"({"tool":"history"})"), std::nullopt);
   ASSERT_TRUE(server->start());
@@ -368,8 +366,7 @@ TEST_F(ControlServerTest, AConnectionThatCannotBeSetUpIsDroppedAndTheServerListe
     ControlSocket::sendAll(gone.get(), "{\"tool\":\"history\"}\n");
     EXPECT_EQ(readToEnd(gone.get()), "");  // closed unanswered
   }
-  EXPECT_TRUE(server->isListening());
-  EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");
+  EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");  // still listening
   EXPECT_EQ(accepted.load(), 2);
 }
 
