@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zstd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -79,6 +80,14 @@ std::string reply(const char* time) {
          R"(","type":"response_item","payload":{"type":"message","role":"assistant"}})" + "\n";
 }
 // A token count with cumulative usage; `limits` is the "rate_limits" value, or empty for none.
+std::string compress(const std::string& text) {
+  std::string out(ZSTD_compressBound(text.size()), '\0');
+  const size_t n = ZSTD_compress(out.data(), out.size(), text.data(), text.size(), 3);
+  EXPECT_FALSE(ZSTD_isError(n));
+  out.resize(ZSTD_isError(n) ? 0 : n);
+  return out;
+}
+
 std::string usage(const char* time, int64_t input, int64_t cached, int64_t output,
                   int64_t lastInput = 0, int64_t window = 272000, const std::string& limits = "") {
   std::string total = R"({"input_tokens":)" + std::to_string(input) + R"(,"cached_input_tokens":)" +
@@ -217,16 +226,9 @@ TEST(CodexRolloutLine, KindsAndBadInput) {
   }
 }
 
-TEST(CodexRolloutLine, FieldsDatesAndClampedCounters) {
+// A session record's fields are checked on the card of the reader's tests below.
+TEST(CodexRolloutLine, DatesAndClampedCounters) {
   const Date now = at("2025-01-31T12:00:00Z");
-  std::optional<RolloutLine> m = parseRolloutLine(meta("2025-01-31T09:12:45Z", "s1", "/w/a"), now);
-  ASSERT_TRUE(m);
-  EXPECT_EQ(m->time, at("2025-01-31T09:12:45Z"));
-  EXPECT_EQ(m->sessionId, "s1");
-  EXPECT_EQ(m->folder, "/w/a");
-  EXPECT_EQ(m->version, "0.46.0");
-  EXPECT_EQ(m->gitBranch, "main");
-
   // Dates the clock cannot hold, or no date at all, read as the present.
   for (const char* stamp : {"9999-12-31T23:59:59Z", "0001-01-01T00:00:00Z", "yesterday", "17"}) {
     std::optional<RolloutLine> line = parseRolloutLine(
@@ -492,6 +494,55 @@ TEST_F(CodexReaderTest, IncrementalAndBadLines) {
   ASSERT_EQ(got.cards.size(), 1u);
   EXPECT_EQ(got.cards[0].prompts, 1);
   EXPECT_EQ(got.cards[0].id, "r");  // named by its file without a session record
+}
+
+TEST_F(CodexReaderTest, ARolloutCompressedInPlaceKeepsTodaysTokensAndPlan) {
+  const Date now = at("2025-01-31T12:00:00Z");
+  const std::string limits = R"({"primary":{"used_percent":30,"window_minutes":300}})";
+  const std::string text =
+      prompt("2025-01-31T10:00:00Z") + usage("2025-01-31T10:01:00Z", 700, 0, 5, 0, 1, limits);
+  const std::string plain = home.write("2025/01/31", "rollout-a.jsonl", text, now);
+  CodexReader r = reader();
+  CodexRefresh before = r.refresh({}, now);
+  ASSERT_EQ(before.today.input, 700);
+  ASSERT_TRUE(before.plan);
+
+  std::remove(plain.c_str());
+  home.write("2025/01/31", "rollout-a.jsonl.zst", compress(text), now);
+  CodexRefresh after = r.refresh({}, now);
+  EXPECT_EQ(after.today, before.today);
+  EXPECT_EQ(after.plan, before.plan);
+  ASSERT_EQ(after.cards.size(), 1u);
+  EXPECT_EQ(after.cards[0].id, "rollout-a");
+  EXPECT_EQ(after.cards[0].prompts, 1);
+}
+
+TEST_F(CodexReaderTest, CompressedFramesAppendedCutShortOrCorruptAreReadIncrementally) {
+  const Date now = at("2025-01-31T12:00:00Z");
+  const std::string first = compress(prompt("2025-01-31T10:00:00Z"));
+  const std::string second =
+      compress(prompt("2025-01-31T10:05:00Z") + prompt("2025-01-31T10:06:00Z"));
+  auto prompts = [&](CodexReader& r) { return r.refresh({}, now).cards.at(0).prompts; };
+  home.write("2025/01/31", "r.jsonl.zst", first, now);
+  CodexReader r = reader();
+  EXPECT_EQ(prompts(r), 1);
+
+  // A frame cut short: its lines wait until the rest arrives, and then count once.
+  home.append("2025/01/31", "r.jsonl.zst", second.substr(0, second.size() / 2), now);
+  EXPECT_EQ(prompts(r), 1);
+  home.append("2025/01/31", "r.jsonl.zst", second.substr(second.size() / 2), now);
+  EXPECT_EQ(prompts(r), 3);
+  EXPECT_EQ(prompts(r), 3);
+
+  // Garbage after the good frames: what was counted stays, and nothing crashes.
+  home.append("2025/01/31", "r.jsonl.zst", "\x28\xb5\x2f\xfd\x08 garbage that is no frame", now);
+  EXPECT_EQ(prompts(r), 3);
+  home.append("2025/01/31", "r.jsonl.zst", compress(prompt("2025-01-31T10:09:00Z")), now);
+  EXPECT_EQ(prompts(r), 3);
+
+  // Replaced by a shorter file: read again from its start.
+  home.write("2025/01/31", "r.jsonl.zst", first, now);
+  EXPECT_EQ(prompts(r), 1);
 }
 
 TEST_F(CodexReaderTest, MissingFolderAndHomeFolder) {
