@@ -74,7 +74,6 @@ class ClaudeFolder {
 
 struct Usage {
   int64_t input = 0, output = 0, cacheWrite = 0, cacheRead = 0;
-  TokenTotals totals() const { return {input, output, cacheWrite, cacheRead}; }
 };
 
 // An assistant record as Claude Code writes it (type after the message, as in real files).
