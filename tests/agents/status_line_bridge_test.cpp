@@ -152,11 +152,7 @@ TEST(StatusLineBridge, ConnectingTwiceSavesTheUsersCommandOnceAndBacksUpEachTime
                {"command", "\"/usr/local/bin/vistrel\" --statusline"},
                {"refreshInterval", 60},
                {"padding", 2}};
-  EXPECT_EQ(settings["statusLine"], ours);
-  std::vector<std::string> keys;
-  for (auto& [key, value] : settings.items()) keys.push_back(key);
-  EXPECT_EQ(keys, (std::vector<std::string>{"model", "statusLine", "permissions"}));
-  EXPECT_EQ(settings["permissions"], originalJson["permissions"]);
+  EXPECT_EQ(settings["statusLine"], ours);  // the other keys: ConnectKeepsEveryOtherKey...
   EXPECT_EQ(Bridge::state(f.paths), StatusLineState::connected());
 }
 

@@ -14,23 +14,13 @@ namespace {
 using Type = TranscriptLine::Type;
 
 struct LineRow {
-  LineRow(const char* name, std::string text, std::optional<Type> type, bool prompt = false,
-          int64_t toolCalls = 0, std::optional<TokenTotals> usage = std::nullopt,
-          std::optional<std::string> model = std::nullopt)
-      : name(name),
-        text(std::move(text)),
-        type(type),
-        prompt(prompt),
-        toolCalls(toolCalls),
-        usage(usage),
-        model(std::move(model)) {}
   const char* name;
   std::string text;
   std::optional<Type> type;  // absent: the line is skipped
-  bool prompt;
-  int64_t toolCalls;
-  std::optional<TokenTotals> usage;
-  std::optional<std::string> model;
+  bool prompt = false;
+  int64_t toolCalls = 0;
+  std::optional<TokenTotals> usage = std::nullopt;
+  std::optional<std::string> model = std::nullopt;
 };
 
 class TranscriptLineTest : public ::testing::TestWithParam<LineRow> {};
