@@ -177,13 +177,8 @@ TEST_F(ControlServerTest, AnswersOnTheRightThreadOrBadRequest) {
       {R"({"tool":"status"})", "main:status{}"},
       {R"({"tool":"list_apps","args":{"limit":3}})", R"(main:list_apps{"limit":3})"},
       {R"({"tool":"history","args":{"span":"1h"}})", R"(off:{"span":"1h"})"},
+      // What the request parser refuses (its own table above) and a handler that throws.
       {"not json", kBad},
-      {"[]", kBad},
-      {R"({"args":{}})", kBad},
-      {R"({"tool":"status","args":[1]})", kBad},
-      {"{\"tool\":\"st\xc0\xafus\"}", kBad},
-      {"{\"tool\":\"x\",\"args\":{\"a\":" + std::string(10000, '[') + "}}", kBad},
-      {R"({"tool":"x","args":{"n":1e99999}})", kBad},
       {R"({"tool":"throw"})", kBad},
   };
   for (const Case& c : cases) {

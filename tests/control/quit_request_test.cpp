@@ -122,123 +122,79 @@ TEST(QuitRequestTest, EachRequestHasItsOwnId) {
   EXPECT_NE(a.id, again.id);
 }
 
-TEST(QuitRequestTest, PerformingAnAppRequest) {
+// Carrying out a confirmed request against the newest snapshot: what the platform is asked, the
+// signals sent (never to this application), what was reached and the toast.
+TEST(QuitRequestTest, PerformingARequest) {
   // Chrome: main 100 with helpers 101 and 102; 103 is a child of a helper outside the app's list
   // (a plug-in), 104 a grandchild of the main process, 200 unrelated, kSelf a child of Chrome.
-  Snapshot latest;
-  latest.processes = {process(100, 1),   process(101, 100), process(102, 100),  process(103, 101),
-                      process(104, 103), process(200, 1),   process(kSelf, 100)};
+  // Only 101, 102 and 103 are signalled: the grandchild's parent is not one of the app's.
+  Snapshot browser;
+  browser.processes = {process(100, 1),   process(101, 100), process(102, 100),  process(103, 101),
+                       process(104, 103), process(200, 1),   process(kSelf, 100)};
   const AppUsage chrome = app("Chrome", {100, 101, 102, 150});  // 150 has exited
-  struct Case {
-    bool force;
-    int signal;
-    std::string toast;
-  } cases[] = {{false, SIGTERM, "Asked Chrome to quit."}, {true, SIGKILL, "Force quit Chrome."}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.force);
-    RecordingSignals signals;
-    RecordingQuitter apps;
-    auto request = QuitRequest::forApp(chrome);
-    QuitOutcome outcome = performQuit(request, c.force, latest, apps, signals, kSelf);
-    ASSERT_EQ(apps.calls.size(), 1u);
-    EXPECT_EQ(apps.calls[0], (RecordingQuitter::Call{{100, 101, 102}, c.force}));
-    // Children of the app's processes: the helpers and the plug-in; never this application, and
-    // not the grandchild (its parent is not one of the app's processes).
-    const std::vector<std::pair<int32_t, int>> expected = {
-        {101, c.signal}, {102, c.signal}, {103, c.signal}};
-    EXPECT_EQ(signals.sent, expected);
-    EXPECT_EQ(outcome, (QuitOutcome{1, 3}));
-    EXPECT_EQ(quitToast(request, c.force, outcome), c.toast);
-  }
-}
-
-// A script or server grouped under its name has no running application to ask: on macOS the
-// workspace would find none and nothing would end. Its processes get the signal directly.
-TEST(QuitRequestTest, AToolWithoutABundleIsSignalledLikeHelpers) {
-  Snapshot latest;
-  latest.processes = {process(100, 1), process(101, 100), process(102, 101), process(200, 1),
+  // A script or server grouped under its name has no running application to ask: on macOS the
+  // workspace would find none and nothing would end. Its processes get the signal directly, then
+  // their children, each once.
+  Snapshot server;
+  server.processes = {process(100, 1), process(101, 100), process(102, 101), process(200, 1),
                       process(kSelf, 100)};
-  AppUsage server = app("vite", {100, 101, 150});  // 150 has exited
-  server.bundlePath.reset();
-  struct Case {
-    bool force;
-    int signal;
-    std::string toast;
-  } cases[] = {{false, SIGTERM, "Asked vite to quit."}, {true, SIGKILL, "Force quit vite."}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.force);
-    RecordingSignals signals;
-    RecordingQuitter apps;
-    auto request = QuitRequest::forApp(server);
-    const QuitOutcome outcome = performQuit(request, c.force, latest, apps, signals, kSelf);
-    EXPECT_TRUE(apps.calls.empty());
-    // Its own processes, then their children, each once; never this application.
-    const std::vector<std::pair<int32_t, int>> expected = {
-        {100, c.signal}, {101, c.signal}, {102, c.signal}};
-    EXPECT_EQ(signals.sent, expected);
-    EXPECT_EQ(outcome, (QuitOutcome{0, 3}));
-    EXPECT_EQ(quitToast(request, c.force, outcome), c.toast);
-  }
-  // Already gone: nothing is signalled and the toast says so.
-  RecordingSignals signals;
-  RecordingQuitter apps;
-  server.pids = {150};
-  auto gone = QuitRequest::forApp(server);
-  EXPECT_EQ(quitToast(gone, false, performQuit(gone, false, latest, apps, signals, kSelf)),
-            "vite had already quit.");
-  EXPECT_TRUE(signals.sent.empty());
-}
-
-TEST(QuitRequestTest, AnAppThatHasQuitIsNotFound) {
-  Snapshot latest;
-  latest.processes = {process(200, 1), process(201, 200)};
-  RecordingSignals signals;
-  RecordingQuitter apps;
-  auto request = QuitRequest::forApp(app("Gone", {100, 101}));
-  QuitOutcome outcome = performQuit(request, false, latest, apps, signals, kSelf);
-  EXPECT_TRUE(apps.calls.empty());
-  EXPECT_TRUE(signals.sent.empty());
-  EXPECT_EQ(quitToast(request, false, outcome), "Gone had already quit.");
-
-  // Found but refusing (the platform asked nobody, every signal failed): also reported as gone.
-  latest.processes = {process(100, 1), process(101, 100)};
-  apps.answer = 0;
-  signals.fails = {101};
-  outcome = performQuit(request, true, latest, apps, signals, kSelf);
-  EXPECT_EQ(apps.calls.size(), 1u);
-  EXPECT_EQ(outcome, (QuitOutcome{0, 0}));
-  EXPECT_EQ(quitToast(request, true, outcome), "Gone had already quit.");
-}
-
-TEST(QuitRequestTest, PerformingASessionRequestSignalsItsWholeTree) {
-  Snapshot latest;
-  AgentSession here{300, "Claude Code", "/w/app", {}, 3, 0, 0, false, {}};
-  AgentSession elsewhere{400, "Claude Code", "/w/other", {}, 1, 0, 0, false, {}};
-  AgentSession codex{500, "Codex", "/w/app", {}, 1, 0, 0, false, {}};
-  latest.agents = {here, elsewhere, codex};
-  latest.processes = {process(300, 1),   process(301, 300), process(302, 301),  process(303, 1),
+  AppUsage vite = app("vite", {100, 101, 150});
+  vite.bundlePath.reset();
+  AppUsage viteGone = vite;
+  viteGone.pids = {150};
+  Snapshot quitting;
+  quitting.processes = {process(100, 1), process(101, 100)};
+  // Sessions: the Claude Code one in /w/app is 300 and its tree; another folder's and Codex's
+  // in the same folder are left alone.
+  Snapshot agents;
+  agents.agents = {AgentSession{300, "Claude Code", "/w/app", {}, 3, 0, 0, false, {}},
+                   AgentSession{400, "Claude Code", "/w/other", {}, 1, 0, 0, false, {}},
+                   AgentSession{500, "Codex", "/w/app", {}, 1, 0, 0, false, {}}};
+  agents.processes = {process(300, 1),   process(301, 300), process(302, 301),  process(303, 1),
                       process(401, 400), process(501, 500), process(kSelf, 301)};
-  struct Case {
-    bool force;
-    int signal;
-  } cases[] = {{false, SIGTERM}, {true, SIGKILL}};
-  for (const auto& c : cases) {
+  // One row: the platform is asked to quit `asked` (none: not asked), `signalled` receive
+  // SIGTERM (SIGKILL when forced). When `refusing`, the platform asks nobody and every signal
+  // fails: the target is reported as gone.
+  auto row = [](const char* name, const QuitRequest& request, bool force, const Snapshot& latest,
+                std::vector<int32_t> asked, std::vector<int32_t> signalled, QuitOutcome reached,
+                const std::string& toast, bool refusing = false) {
+    SCOPED_TRACE(name);
     RecordingSignals signals;
     RecordingQuitter apps;
-    auto request = QuitRequest::forAgent("Claude Code", "/w/app");
-    QuitOutcome outcome = performQuit(request, c.force, latest, apps, signals, kSelf);
-    EXPECT_TRUE(apps.calls.empty());
-    const std::vector<std::pair<int32_t, int>> expected = {
-        {300, c.signal}, {301, c.signal}, {302, c.signal}};
-    EXPECT_EQ(signals.sent, expected);
-    EXPECT_EQ(quitToast(request, c.force, outcome), "Ended the Claude Code session in /w/app.");
+    if (refusing) {
+      apps.answer = 0;
+      signals.fails = {signalled.begin(), signalled.end()};
+    }
+    const QuitOutcome outcome = performQuit(request, force, latest, apps, signals, kSelf);
+    std::vector<RecordingQuitter::Call> calls;
+    if (!asked.empty()) calls.push_back({asked, force});
+    EXPECT_EQ(apps.calls, calls);
+    std::vector<std::pair<int32_t, int>> sent;
+    for (int32_t pid : signalled) sent.emplace_back(pid, force ? SIGKILL : SIGTERM);
+    EXPECT_EQ(signals.sent, sent);
+    EXPECT_EQ(outcome, reached);
+    EXPECT_EQ(quitToast(request, force, outcome), toast);
+  };
+  row("app", QuitRequest::forApp(chrome), false, browser, {100, 101, 102}, {101, 102, 103}, {1, 3},
+      "Asked Chrome to quit.");
+  row("app, forced", QuitRequest::forApp(chrome), true, browser, {100, 101, 102}, {101, 102, 103},
+      {1, 3}, "Force quit Chrome.");
+  row("app gone from the snapshot", QuitRequest::forApp(app("Gone", {300, 301})), false, browser,
+      {}, {}, {0, 0}, "Gone had already quit.");
+  row("app found but refusing", QuitRequest::forApp(app("Gone", {100, 101})), true, quitting,
+      {100, 101}, {101}, {0, 0}, "Gone had already quit.", true);
+  row("no bundle", QuitRequest::forApp(vite), false, server, {}, {100, 101, 102}, {0, 3},
+      "Asked vite to quit.");
+  row("no bundle, forced", QuitRequest::forApp(vite), true, server, {}, {100, 101, 102}, {0, 3},
+      "Force quit vite.");
+  row("no bundle, gone", QuitRequest::forApp(viteGone), false, server, {}, {}, {0, 0},
+      "vite had already quit.");
+  for (bool force : {false, true}) {
+    row("session", QuitRequest::forAgent("Claude Code", "/w/app"), force, agents, {},
+        {300, 301, 302}, {0, 3}, "Ended the Claude Code session in /w/app.");
   }
-  RecordingSignals signals;
-  RecordingQuitter apps;
-  auto ended = QuitRequest::forAgent("Codex", "/w/gone");
-  EXPECT_EQ(quitToast(ended, false, performQuit(ended, false, latest, apps, signals, kSelf)),
-            "That Codex session had already ended.");
-  EXPECT_TRUE(signals.sent.empty());
+  row("session ended", QuitRequest::forAgent("Codex", "/w/gone"), false, agents, {}, {}, {0, 0},
+      "That Codex session had already ended.");
 }
 
 TEST(QuitRequestTest, AgentTreeSurvivesACycleOfParents) {
