@@ -80,6 +80,7 @@ TEST(BluetoothReader, SystemProfilerReport) {
   EXPECT_EQ(parseSystemProfilerBluetooth(*text),
             (std::vector<BluetoothDevice>{{"My AirPods3", 89}, {"My Beats Studio³", 100}}));
 
+  const std::string cutShort = text->substr(0, text->size() / 2);
   const std::pair<const char*, std::vector<BluetoothDevice>> cases[] = {
       {"", {}},
       {"not json", {}},
@@ -92,7 +93,7 @@ TEST(BluetoothReader, SystemProfilerReport) {
           {"Y": {"device_batteryLevelMain": 70}}, {"Z": {"device_batteryLevelMain": "7 of 10"}}, 5]}]})",
        {}},
       // Cut short mid-document.
-      {text->substr(0, text->size() / 2).c_str(), {}},
+      {cutShort.c_str(), {}},
   };
   for (const auto& [json, devices] : cases) {
     SCOPED_TRACE(json);
