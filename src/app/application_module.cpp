@@ -154,8 +154,13 @@ int runApplicationModule() {
   }
   const char* windowModule = VISTREL_WINDOW_MODULE;
   std::optional<std::string> noWindow;
+  // VISTREL_HEADLESS (any value but empty or 0): the service unit runs the monitor without a window
+  // even where a session has a display.
+  const char* headless = std::getenv("VISTREL_HEADLESS");
   if (*windowModule == '\0') {
     noWindow = "this build has no window";
+  } else if (headless && *headless && std::string_view(headless) != "0") {
+    noWindow = "VISTREL_HEADLESS is set (no window wanted)";
   } else if (!kAlwaysDisplay) {
     noWindow =
         linuxDisplayProblem([](const char* name) { return std::getenv(name); },

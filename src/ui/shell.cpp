@@ -8,12 +8,14 @@
 #include <QPainter>
 #include <QPixmap>
 #include <QScreen>
+#include <QStyleHints>
 #include <QTimer>
 #include <cstdio>
 #include <cstdlib>
 
 #include "agents/executable_path.hpp"
 #include "app/model.hpp"
+#include "ui/desktop.hpp"
 #include "ui/login_item.hpp"
 #include "ui/quit_dialog.hpp"
 #include "ui/share_card.hpp"
@@ -47,14 +49,13 @@ class WindowShell final : public ApplicationShell {
       model_.setOpenAtLogin(loginItem_->enabled());
     }
     window_ = std::make_unique<MainWindow>(context_);
-    restoreFrame();
-    if (hooks_.size) window_->resize(hooks_.size->first, hooks_.size->second);
 
     model_.hooks.openWindow = [this] { showWindow(); };
     model_.hooks.windowOnScreen = [this] { return window_->onScreen(); };
     model_.hooks.applyAppearance = [this] { applyTheme(); };
-    // The Dock belongs to macOS; elsewhere the window is always in the task bar.
-    model_.hooks.applyDock = [] {};
+    model_.hooks.applyDock = [this] {
+      desktop::setShowInDock(model_.settings().showInDock, window_->isVisible());
+    };
     model_.addObserver([this](const Snapshot&) { window_->refresh(); });
     toast_ = new Toast(*window_->centralWidget());
     context_.toast = [this](const std::string& text) {
@@ -74,7 +75,18 @@ class WindowShell final : public ApplicationShell {
     QObject::connect(&frameTimer_, &QTimer::timeout, [this] { saveFrame(); });
 
     applyTheme();
+    model_.hooks.applyDock();
     buildMenus();
+    // After the menus: a menu bar inside the window adds to the content's size.
+    restoreFrame();
+    if (hooks_.size) window_->resizeContent(hooks_.size->first, hooks_.size->second);
+#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
+    // "Follow the system" follows it while running too.
+    QObject::connect(QGuiApplication::styleHints(), &QStyleHints::colorSchemeChanged, window_.get(),
+                     [this] {
+                       if (model_.settings().appearance == Appearance::system) applyTheme();
+                     });
+#endif
     // After the model has started (the loop runs posted tasks once the application runs).
     app_.mainLoop().post([this] { launched(); });
   }
@@ -183,7 +195,11 @@ class WindowShell final : public ApplicationShell {
     std::optional<Frame> saved;
     if (auto json = app_.defaults().get(kFrameKey)) saved = frameFromJson(*json);
     Frame f = restoredFrame(saved, {area.x(), area.y(), area.width(), area.height()});
-    window_->resize(f.width, f.height);
+    if (saved && f == *saved) {
+      window_->resize(f.width, f.height);  // the frame as it was left
+    } else {
+      window_->resizeContent(f.width, f.height);  // the default content size, centred
+    }
     window_->move(f.x, f.y);
   }
 
@@ -224,6 +240,10 @@ class WindowShell final : public ApplicationShell {
     appMenu->addSeparator();
     add(
         appMenu, "Hide Vistrel", [this] { window_->hide(); }, QKeySequence("Ctrl+H"));
+    if (desktop::canHideOthers()) {
+      add(
+          appMenu, "Hide Others", [] { desktop::hideOthers(); }, QKeySequence("Ctrl+Alt+H"));
+    }
     appMenu->addSeparator();
     add(
         appMenu, "Quit Vistrel", [this] { app_.requestQuit(); }, QKeySequence::Quit)

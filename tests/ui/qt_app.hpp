@@ -18,7 +18,9 @@ inline QApplication& qtApp() {
   static char* argv[] = {name, nullptr};
   static QApplication* app = [] {
     setenv("QT_QPA_PLATFORM", "offscreen", 0);
-    auto* a = new QApplication(argc, argv);
+    // Another test file of this executable may have made the application first.
+    auto* a = qobject_cast<QApplication*>(QCoreApplication::instance());
+    if (!a) a = new QApplication(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     loadFonts();
     return a;

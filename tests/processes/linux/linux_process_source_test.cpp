@@ -1,7 +1,10 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,12 +13,17 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/files.hpp"
+#include "processes/app_grouper.hpp"
 #include "processes/linux/linux_process_source.hpp"
+#include "processes/process_sampler.hpp"
+#include "processes/process_stages.hpp"
 
 namespace vistrel {
 namespace {
@@ -56,17 +64,21 @@ class Tree {
             path("xdg/usr/share/applications"), path("xdg/flatpak/exports/share/applications"),
             path("xdg/snapd/desktop/applications")};
   }
-  std::unique_ptr<ProcessSource> source(const Clock& clock, PsRunner ps = {}) const {
-    return makeLinuxProcessSource(root_.string(), desktopFolders(), clock, std::move(ps));
+  std::unique_ptr<ProcessSource> source(const Clock& clock, PsRunner ps = {},
+                                        TcpDumper tcp = {}) const {
+    return makeLinuxProcessSource(root_.string(), desktopFolders(), clock, std::move(ps),
+                                  std::move(tcp));
   }
 
  private:
   fs::path root_;
 };
 
-std::string statText(int pid, const char* comm, uint64_t utime, uint64_t starttime) {
-  return std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 4194304 0 0 0 0 " +
-         std::to_string(utime) + " 0 0 0 20 0 1 0 " + std::to_string(starttime) + " 0 0\n";
+std::string statText(int pid, const char* comm, uint64_t utime, uint64_t starttime, int ppid = 1,
+                     uint32_t flags = 4194304) {
+  return std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) + " 1 1 0 -1 " +
+         std::to_string(flags) + " 0 0 0 0 " + std::to_string(utime) + " 0 0 0 20 0 1 0 " +
+         std::to_string(starttime) + " 0 0\n";
 }
 
 TEST(LinuxProcessSource, ListsNumericEntriesOnly) {
@@ -117,6 +129,32 @@ TEST(LinuxProcessSource, CountersFromTheTree) {
       EXPECT_EQ(counters->kernelThread, c.kernel) << c.pid;
       EXPECT_EQ(counters->energyNj, 0u) << c.pid;
     }
+  }
+}
+
+// Only the kernel-thread flag makes a kernel thread. In a container pid 2 is an ordinary process
+// and its children are too.
+TEST(LinuxProcessSource, KernelThreadsAreKnownByTheirFlagAlone) {
+  struct Case {
+    const char* what;
+    int32_t pid;
+    std::optional<std::string> stat;  // replaces the captured file when set
+    bool kernel;
+  };
+  const Case cases[] = {
+      {"captured kthreadd", 2, std::nullopt, true},
+      {"captured worker under kthreadd", 14, std::nullopt, true},
+      {"a container's pid 2", 2, statText(2, "node", 50, 400, 1, 0x400100), false},
+      {"a child of a container's pid 2", 4007, statText(4007, "npm", 5, 9000, 2, 0x400000), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Tree tree;
+    if (c.stat) tree.overwrite("proc/" + std::to_string(c.pid) + "/stat", *c.stat);
+    ManualClock clock;
+    auto counters = tree.source(clock)->counters(c.pid);
+    ASSERT_TRUE(counters);
+    EXPECT_EQ(counters->kernelThread, c.kernel);
   }
 }
 
@@ -218,6 +256,67 @@ TEST(LinuxProcessSource, ReReadsHeldFilesAndNoticesAReusedPid) {
   EXPECT_FALSE(source->counters(4001));
   tree.overwrite("proc/4001/stat", statText(4001, "tool", 1, 5000));
   EXPECT_TRUE(source->counters(4001));
+}
+
+// A shim or wrapper script that ends in exec keeps its pid and start time: the new program is
+// noticed by the short name that every tick reads anyway.
+TEST(LinuxProcessSource, AnExecIsNoticedAndTheIdentityReadAgain) {
+  Tree tree;
+  ManualClock clock{100};
+  ProcessSampler sampler(tree.source(clock), clock, [] { return 7; });
+  auto sampleOf = [&](int32_t pid) {
+    std::optional<ProcessSample> found;
+    for (auto& s : sampler.sample(false, 9.5, false)) {
+      if (s.pid == pid) found = s;
+    }
+    return found;
+  };
+  auto before = sampleOf(4007);
+  ASSERT_TRUE(before);
+  EXPECT_EQ(before->name, "missing");
+
+  const std::string python = "/home/user/.pyenv/versions/3.12.1/bin/python3.12";
+  tree.overwrite("proc/4007/stat", statText(4007, "python3.12", 40, 9000, 1500));
+  fs::remove(tree.path("proc/4007/exe"));
+  fs::create_symlink(python, tree.path("proc/4007/exe"));
+  clock.advance(2);
+  auto after = sampleOf(4007);
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->name, "python3.12");
+  EXPECT_EQ(after->path, python);
+  EXPECT_EQ(after->started, before->started);
+}
+
+// Descriptors this process holds on files under `folder`.
+size_t descriptorsUnder(const std::string& folder) {
+  size_t n = 0;
+  for (const auto& fd : listFolder("/proc/self/fd")) {
+    auto target = readLink("/proc/self/fd/" + fd);
+    if (target && target->starts_with(folder)) ++n;
+  }
+  return n;
+}
+
+// Whatever the source holds for a pid goes when the pid leaves the listing, also for pids the
+// sampler keeps nothing for: kernel threads, and processes whose identity could not be read.
+TEST(LinuxProcessSource, EveryExitedPidLetsGoOfItsDescriptors) {
+  Tree tree;
+  ManualClock clock{100};
+  ProcessSampler sampler(tree.source(clock), clock, [] { return 7; });  // no random sweep
+  sampler.sample(false, 9.5, false);
+  struct Case {
+    const char* what;
+    int32_t pid;
+  } cases[] = {{"kernel thread", 14}, {"identity unreadable (no status)", 4008}, {"process", 4002}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string folder = tree.path("proc/" + std::to_string(c.pid));
+    ASSERT_GT(descriptorsUnder(folder + "/"), 0u);
+    fs::remove_all(folder);
+    clock.advance(2);
+    sampler.sample(false, 9.5, false);
+    EXPECT_EQ(descriptorsUnder(folder + "/"), 0u);
+  }
 }
 
 TEST(LinuxProcessSource, AnIdleProcessKeepsItsLastMemoryAndStorageFigures) {
@@ -385,6 +484,110 @@ TEST(LinuxProcessSource, FewDescriptorsStillReadEveryProcess) {
   EXPECT_EXIT(::_exit(readEveryProcessWithFewDescriptors(tree)), ::testing::ExitedWithCode(0), "");
 }
 
+// Sockets are found among a process's descriptors once, and again only when a socket moves bytes
+// without a known owner, for processes that have run since they were last looked at.
+TEST(LinuxProcessSource, NetworkBytesOfOwnSocketsByTheirOwners) {
+  Tree tree;
+  ManualClock clock;
+  std::vector<TcpSocketBytes> dump;
+  bool dumpWorks = true;
+  auto source = tree.source(clock, {}, [&](std::vector<TcpSocketBytes>& out) {
+    out = dump;
+    return dumpWorks;
+  });
+  const uint32_t me = ::geteuid();
+  auto link = [&](int32_t pid, int fd, uint64_t inode) {
+    fs::create_directories(tree.path("proc/" + std::to_string(pid) + "/fd"));
+    fs::create_symlink("socket:[" + std::to_string(inode) + "]",
+                       tree.path("proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd)));
+  };
+  link(4001, 3, 501);
+  link(4002, 20, 502);
+  link(4002, 21, 503);  // another user's socket passed to us: not counted
+  std::vector<int32_t> pids;
+  source->listPids(pids);
+  for (int32_t pid : pids) source->counters(pid);
+
+  struct Step {
+    const char* what;
+    std::vector<TcpSocketBytes> dump;
+    std::function<void()> before;
+    ProcessNetBytes tool, firefox;  // pids 4001 and 4002
+  };
+  const Step steps[] = {
+      {"the first dump is the base", {{501, me, 100, 10}, {502, me, 0, 0}}, {}, {}, {}},
+      {"bytes go to the processes holding the sockets",
+       {{501, me, 300, 20}, {502, me, 50, 5}, {503, me + 1, 1000, 1000}},
+       {},
+       {200, 10},
+       {50, 5}},
+      {"a socket opened by a process that has not run since its listing is not looked for",
+       {{501, me, 300, 20}, {502, me, 50, 5}, {504, me, 70, 7}},
+       [&] { link(4001, 4, 504); },
+       {200, 10},
+       {50, 5}},
+      {"once it has run, and the socket is looked for again, its descriptors are listed again",
+       {{501, me, 300, 20}, {502, me, 50, 5}, {504, me, 90, 9}},
+       [&] {
+         clock.advance(kSocketSearchRetrySeconds);
+         tree.overwrite("proc/4001/stat", statText(4001, "tool", 999, 5000, 4000));
+         source->counters(4001);
+       },
+       {220, 12},
+       {50, 5}},
+      {"a closed socket keeps what it moved", {{502, me, 60, 5}}, {}, {220, 12}, {60, 5}},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    if (step.before) step.before();
+    dump = step.dump;
+    auto bytes = source->networkBytes();
+    EXPECT_EQ(bytes[4001], step.tool);
+    EXPECT_EQ(bytes[4002], step.firefox);
+    EXPECT_EQ(bytes.count(14), 0u);  // kernel threads own no sockets
+  }
+  dumpWorks = false;  // no socket diagnostics (a kernel without them): nothing, and no error
+  EXPECT_TRUE(source->networkBytes().empty());
+}
+
+// A terminal (kitty) and an editor (VS Code) that run every tab in the app's one scope, as
+// /proc shows them: what was started from a shell in them is not the app. The shells and the
+// editor's helpers stay with their app; coding agents form their own groups with what they
+// started (but not what their shells start); other tools stand alone, a tool's children with it.
+TEST(LinuxProcessSource, WhatAShellInsideAnAppStartsIsNotTheApp) {
+  const fs::path root = fs::path(VISTREL_FIXTURES) / "linux/terminal-scopes";
+  const std::string desktops = (root / "applications").string();
+  ManualClock clock{100};
+  ProcessLayer layer(makeLinuxProcessSource(root.string(), {desktops}, clock, {}), makeAppBundles(),
+                     clock);
+  AppGrouper grouper(*layer.bundles, SystemAccounts{1000, 1000}, true);
+  auto samples = layer.sampler.sample(false, 9.5, false);
+  const AgentRoots agents = {{2901, "Claude Code"}, {3150, "Codex"}};
+  std::map<std::string, std::vector<int32_t>> groups;
+  std::map<std::string, std::string> names;
+  for (const auto& app : grouper.group(samples, layer.queries, agents, {}, {}, 0)) {
+    auto pids = app.pids;
+    std::sort(pids.begin(), pids.end());
+    groups[app.id] = pids;
+    names[app.id] = app.name;
+  }
+  const std::string kitty = desktops + "/kitty.desktop", code = desktops + "/code.desktop";
+  const std::map<std::string, std::vector<int32_t>> expected = {
+      {kitty, {2841, 2850, 2860}},
+      {"agent:Claude Code", {2901, 2920, 2921}},
+      {"proc:cargo", {2922}},  // started by the agent's shell: stands alone, as on macOS
+      {"proc:python3 http.server", {2870}},
+      {code, {3100, 3110, 3120, 3130, 3140}},
+      {"agent:Codex", {3150, 3160}},
+      {"proc:make", {3170, 3171}},
+      {"proc:bash", {3200}},
+      {"proc:htop", {3210}},
+  };
+  EXPECT_EQ(groups, expected);
+  EXPECT_EQ(names[kitty], "kitty");
+  EXPECT_EQ(names[code], "Visual Studio Code");
+}
+
 // --- this machine ---
 
 size_t openDescriptors() {
@@ -444,6 +647,51 @@ TEST(LinuxProcessSourceLive, FindsASpinningChildWithGrowingCpuTime) {
   EXPECT_GT(age, -2.0);
   EXPECT_LT(age, 120.0);
   endChild(child);
+}
+
+TEST(LinuxProcessSourceLive, CountsTheBytesOfThisProcesssOwnConnection) {
+  auto source = makeLinuxProcessSource("/", {});
+  int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(listener, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 1), 0);
+  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  int server = ::accept(listener, nullptr, nullptr);
+  ASSERT_GE(server, 0);
+  auto transfer = [&](size_t bytes) {
+    std::vector<char> data(bytes, 'x');
+    size_t sent = 0, got = 0;
+    while (sent < bytes)
+      sent += static_cast<size_t>(::send(client, data.data() + sent, bytes - sent, 0));
+    while (got < bytes) got += static_cast<size_t>(::recv(server, data.data(), bytes - got, 0));
+  };
+  const int32_t me = ::getpid();
+  source->counters(me);
+  transfer(5000);
+  auto first = source->networkBytes();
+  if (first.empty()) GTEST_SKIP() << "no socket diagnostics here";
+  transfer(20000);
+  source->counters(me);
+  auto second = source->networkBytes();  // the connection moved bytes: our descriptors are read
+  transfer(30000);
+  source->counters(me);
+  auto third = source->networkBytes();
+  // Both ends are ours: what one sent and had acknowledged, the other received.
+  EXPECT_GE(third[me].in - second[me].in, 30000u);
+  EXPECT_LT(third[me].in - second[me].in, 31000u);
+  EXPECT_GE(third[me].out - second[me].out, 30000u);
+  EXPECT_GE(second[me].in, first[me].in);
+  ::close(server);
+  ::close(client);
+  ::close(listener);
+  auto after = source->networkBytes();
+  EXPECT_GE(after[me].in, third[me].in);  // closed connections take nothing away
 }
 
 TEST(LinuxProcessSourceLive, ForgetClosesTheHeldFiles) {
