@@ -61,14 +61,17 @@ class QuitFlowTest : public ::testing::Test {
     host = std::make_unique<ModelControlHost>(*model, nullptr, [] { return AgentsSnapshot{}; });
     control = std::make_unique<Control>(*host, clock, false);
 
-    // Editor: main 9001, helper 9002 (child of 9001), and 9003, a child outside the app's list.
+    // Editor, an application with a bundle: main 9001, helper 9002 (child of 9001), and 9003, a
+    // child outside the app's list. devserver: a command-line program, no application to ask.
     // Theirs: another user's. Vistrel: this process itself.
     Snapshot s;
-    auto add = [&](std::string name, std::vector<int32_t> pids, uint32_t uid) {
+    auto add = [&](std::string name, std::vector<int32_t> pids, uint32_t uid,
+                   std::optional<std::string> bundle = std::nullopt) {
       AppUsage a;
       a.id = "id." + name;
       a.name = name;
       a.pids = pids;
+      a.bundlePath = bundle;
       for (int32_t pid : pids) {
         ProcessSample p;
         p.pid = pid;
@@ -80,7 +83,8 @@ class QuitFlowTest : public ::testing::Test {
       }
       s.apps.push_back(a);
     };
-    add("Editor", {9001, 9002}, kMe);
+    add("Editor", {9001, 9002}, kMe, "/Applications/Editor.app");
+    add("devserver", {9200}, kMe);
     add("Theirs", {9100}, kMe + 1);
     add("Vistrel", {kSelf}, kMe);
     ProcessSample grandchild;
@@ -132,36 +136,44 @@ class QuitFlowTest : public ::testing::Test {
 
 TEST_F(QuitFlowTest, AnAgentsRequestIsShownAndOnlyThePersonsChoiceReachesProcesses) {
   struct Case {
+    const char* app;
     const char* choice;  // which button the person presses
     Calls calls;         // what the app quitter is asked
     Sent sent;           // the signals, in order
     std::string toast;
   } cases[] = {
-      {QuitDialog::kCancelName, {}, {}, ""},
+      {"Editor", QuitDialog::kCancelName, {}, {}, ""},
       // The app's processes are asked to quit; every child of them gets SIGTERM. The renderer is
       // a child of the helper, which belongs to the app, so it is reached too.
-      {QuitDialog::kQuitName,
+      {"Editor",
+       QuitDialog::kQuitName,
        {{{9001, 9002}, false}},
        {{9002, SIGTERM}, {9003, SIGTERM}, {9004, SIGTERM}},
        "Asked Editor to quit."},
-      {QuitDialog::kForceName,
+      {"Editor",
+       QuitDialog::kForceName,
        {{{9001, 9002}, true}},
        {{9002, SIGKILL}, {9003, SIGKILL}, {9004, SIGKILL}},
        "Force quit Editor."},
+      // Without an application to ask, the program's own processes get the signal.
+      {"devserver", QuitDialog::kQuitName, {}, {{9200, SIGTERM}}, "Asked devserver to quit."},
+      {"devserver", QuitDialog::kForceName, {}, {{9200, SIGKILL}}, "Force quit devserver."},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.choice);
+    SCOPED_TRACE(std::string(c.app) + " " + c.choice);
+    const std::string app = c.app;
     signals->sent.clear();
     apps->calls.clear();
     toasts.clear();
     broughtForward = 0;
 
-    auto answer = ask("editor");
+    auto answer = ask(app);
     ASSERT_EQ(answer["ok"], true) << answer.dump();
     ASSERT_TRUE(qtest::pumpUntil([&] { return dialog->isVisible(); }));
     EXPECT_EQ(broughtForward, 1);
-    EXPECT_TRUE(dialogShows("Quit Editor?"));
-    EXPECT_TRUE(dialogShows("Editor will be asked to quit, like choosing Quit from its menu."));
+    EXPECT_TRUE(dialogShows(QString::fromStdString("Quit " + app + "?")));
+    EXPECT_TRUE(dialogShows(
+        QString::fromStdString(app + " will be asked to quit, like choosing Quit from its menu.")));
     EXPECT_TRUE(dialogShows(QString::fromStdString(QuitRequest::forceQuitNote())));
     EXPECT_TRUE(signals->sent.empty() && apps->calls.empty()) << "nothing before the choice";
 
