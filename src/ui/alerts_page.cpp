@@ -22,9 +22,6 @@ namespace vistrel::ui {
 
 namespace {
 
-// The id of the newest alert when the page was last on screen.
-constexpr const char* kSeenKey = "alertsSeen";
-
 QString q(const std::string& s) {
   return QString::fromStdString(s);
 }
@@ -93,18 +90,13 @@ class AlertsPage final : public PageWidget {
       shownKey_.clear();
       refresh();
     });
-    if (context.defaults) {
-      if (auto seen = context.defaults->get(kSeenKey); seen && seen->is_string()) {
-        storedSeen_ = seen->get<std::string>();
-      }
-    }
   }
 
   void refresh() override {
     AlertLog& log = context_.model.alerts();
     const auto& alerts = log.alerts();
-    AlertsView v =
-        alertsView(alerts, log.mutedToday(), seenAtArrival_, std::chrono::system_clock::now());
+    AlertsView v = alertsView(alerts, log.mutedToday(), log.unreadWhenRead(),
+                              std::chrono::system_clock::now());
     summary_->setText(q(v.summary.empty() ? std::string("Nothing needs you.") : v.summary));
     clear_->setEnabled(!alerts.empty());
     empty_->setVisible(v.lines.empty());
@@ -127,16 +119,10 @@ class AlertsPage final : public PageWidget {
   }
 
  protected:
-  // Coming on screen: what arrived since the last visit is marked while the page stays, and this
-  // visit is remembered for the next.
+  // Coming on screen: the model has just marked everything read; the alerts that were unread
+  // stay marked new while the page stays (AlertLog::unreadWhenRead).
   void showEvent(QShowEvent* e) override {
     PageWidget::showEvent(e);
-    seenAtArrival_ = storedSeen_;
-    const auto& alerts = context_.model.alerts().alerts();
-    if (!alerts.empty()) {
-      storedSeen_ = alerts.front().id;
-      if (context_.defaults) context_.defaults->set(kSeenKey, *storedSeen_);
-    }
     shownKey_.clear();
   }
 
@@ -196,8 +182,6 @@ class AlertsPage final : public PageWidget {
   Card* list_ = nullptr;
   QVBoxLayout* listBody_ = nullptr;
   QLabel* empty_ = nullptr;
-  std::optional<std::string> storedSeen_;     // the newest alert at the last visit
-  std::optional<std::string> seenAtArrival_;  // what was stored when this visit began
   std::string shownKey_;
 };
 

@@ -6,30 +6,21 @@
 namespace vistrel::ui {
 
 AlertsView alertsView(const std::vector<AlertEvent>& alerts, const std::set<std::string>& muted,
-                      const std::optional<std::string>& lastSeen, Date now) {
+                      int64_t unread, Date now) {
   AlertsView v;
   if (alerts.empty()) {
     v.empty = std::string(kNoAlertsText);
     return v;
   }
-  // Everything above the last seen alert is new; when that alert is gone from the list (trimmed
-  // or cleared since), nothing before it can be told apart, so none is marked.
-  bool seenPresent = false;
-  if (lastSeen) {
-    for (const AlertEvent& e : alerts) seenPresent = seenPresent || e.id == *lastSeen;
-  }
-  bool unread = !lastSeen;
-  if (lastSeen && seenPresent) unread = true;
   size_t fresh = 0;
   for (const AlertEvent& e : alerts) {
-    if (lastSeen && e.id == *lastSeen) unread = false;
     AlertLine line;
     line.id = e.id;
     line.title = e.title;
     line.detail = e.detail;
     line.app = e.app.value_or("");
     line.when = Fmt::ago(e.date, now) + " · " + Fmt::dayTime(e.date);
-    line.unread = unread;
+    line.unread = static_cast<int64_t>(v.lines.size()) < unread;
     if (e.appID) {
       line.muted = muted.count(*e.appID) > 0;
       if (!line.muted) line.muteId = e.appID;

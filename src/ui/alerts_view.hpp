@@ -30,9 +30,9 @@ struct AlertsView {
   std::string empty;    // the empty state, when there are no alerts
 };
 
-// `lastSeen`: the id of the newest alert when the page was last on screen (absent: never seen, so
-// every alert is new). Alerts before it in the list (newer ones) are unread.
+// `unread`: how many alerts had arrived unseen when the page came on screen; that many of the
+// newest are marked new (never more than the list holds: a clear may have emptied it since).
 AlertsView alertsView(const std::vector<AlertEvent>& alerts, const std::set<std::string>& muted,
-                      const std::optional<std::string>& lastSeen, Date now);
+                      int64_t unread, Date now);
 
 }  // namespace vistrel::ui

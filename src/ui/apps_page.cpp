@@ -7,6 +7,7 @@
 #include <QClipboard>
 #include <QDesktopServices>
 #include <QFileInfo>
+#include <QFontMetrics>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLineEdit>
@@ -17,6 +18,7 @@
 #include <QTreeView>
 #include <QUrl>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <chrono>
 #include <set>
 
@@ -113,10 +115,14 @@ class AppsPage final : public PageWidget {
     tree_->setSortingEnabled(true);
     tree_->header()->setStretchLastSection(false);
     tree_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
-    const int widths[] = {0, 64, 72, 84, 64, 86, 86, 56, 90};
+    // Wide enough for the figures and for the column's title with the sort mark beside it.
+    const int widths[] = {0, 60, 64, 80, 64, 80, 80, 52, 84};
+    const QFontMetrics headerText(tree_->header()->font());
     for (int c = 1; c < kAppColumns; ++c) {
+      const QString title = q(appColumnTitle(static_cast<AppColumn>(c)));
       tree_->header()->setSectionResizeMode(c, QHeaderView::Fixed);
-      tree_->header()->resizeSection(c, widths[c]);
+      tree_->header()->resizeSection(c,
+                                     std::max(widths[c], headerText.horizontalAdvance(title) + 30));
     }
     tree_->setMinimumHeight(300);
     content()->addWidget(tree_, 3);

@@ -15,7 +15,7 @@ namespace vistrel::ui {
 namespace {
 
 // The width of the dialog's text, pixels.
-constexpr int kTextWidth = 440;
+constexpr int kTextWidth = 480;
 // At most this many processes are listed; the rest are counted in one line.
 constexpr size_t kListed = 8;
 
@@ -36,7 +36,7 @@ QuitDialog::QuitDialog(Model& model, QWidget& window) : QDialog(&window), model_
   message_->setWordWrap(true);
   message_->setFixedWidth(kTextWidth);
   listHeading_ = makeLabel("What will end", kCaption, true, true);
-  list_ = new Rows({150});
+  list_ = new Rows({200});
   list_->setFixedWidth(kTextWidth);
   forceNote_ = makeLabel({}, kCaption, true);
   forceNote_->setWordWrap(true);

@@ -4,6 +4,7 @@
 #include <QClipboard>
 #include <QDialog>
 #include <QDir>
+#include <QFile>
 #include <QFileDialog>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -11,10 +12,13 @@
 #include <QPainterPath>
 #include <QPointer>
 #include <QPushButton>
+#include <QSaveFile>
 #include <QStandardPaths>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <chrono>
 #include <memory>
+#include <optional>
 
 #include "alerts/alert_log.hpp"
 #include "app/model.hpp"
@@ -95,6 +99,13 @@ class ShareSheet final : public QDialog {
     layout->addLayout(buttons);
     setActionsEnabled(false);
     read();
+    // The coding agents' figures may still be on their way when the sheet opens (a first read
+    // right after launch): the card is drawn again when what it says changes, while it is open.
+    auto* follow = new QTimer(this);
+    QObject::connect(follow, &QTimer::timeout, [this] {
+      if (shown_) showCard(cpu_, top_);
+    });
+    follow->start(2000);
   }
 
  private:
@@ -116,7 +127,10 @@ class ShareSheet final : public QDialog {
     });
     // Answers arrive in order on the main queue: the series is in when the apps come.
     history->topApps(Metric::cpu, TimeSpan::day, 3, [self, points](std::vector<AppHistory> top) {
-      if (self) self->showCard(*points, top);
+      if (!self) return;
+      self->cpu_ = std::move(*points);
+      self->top_ = std::move(top);
+      self->showCard(self->cpu_, self->top_);
     });
   }
 
@@ -124,9 +138,14 @@ class ShareSheet final : public QDialog {
     const Date now = std::chrono::system_clock::now();
     ShareCardView v = shareCardView(cpu, bucket(TimeSpan::day), top, context_.model.agents(),
                                     context_.model.alerts().alerts(), localStartOfDay(now), now);
+    if (shown_ && v == *shown_) return;
+    shown_ = v;
     card_ = renderShareCard(v, 2);
-    preview_->setPixmap(QPixmap::fromImage(card_.scaled(
-        preview_->size() * devicePixelRatioF(), Qt::KeepAspectRatio, Qt::SmoothTransformation)));
+    // Scaled to the preview's pixels on this screen, and marked as such so it fills the preview.
+    QImage preview = card_.scaled(preview_->size() * devicePixelRatioF(), Qt::KeepAspectRatio,
+                                  Qt::SmoothTransformation);
+    preview.setDevicePixelRatio(devicePixelRatioF());
+    preview_->setPixmap(QPixmap::fromImage(preview));
     setActionsEnabled(true);
   }
 
@@ -148,7 +167,18 @@ class ShareSheet final : public QDialog {
     QString path =
         QFileDialog::getSaveFileName(this, "Save Today's Card", suggested, "PNG (*.png)");
     if (path.isEmpty()) return;
-    if (!card_.save(path, "PNG")) {
+    // A picture already there is kept beside it as name.bak before being replaced, and the new
+    // one is written whole or not at all.
+    if (QFile::exists(path)) {
+      const QString backup = path + ".bak";
+      QFile::remove(backup);
+      if (!QFile::copy(path, backup)) {
+        say("Couldn't keep a copy of the picture already at " + path + ". Nothing was written.");
+        return;
+      }
+    }
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || !card_.save(&file, "PNG") || !file.commit()) {
       say("Couldn't save the card to " + path + ". Nothing was written.");
       return;
     }
@@ -165,6 +195,9 @@ class ShareSheet final : public QDialog {
 
   PageContext& context_;
   QLabel* preview_ = nullptr;
+  std::vector<HistoryPoint> cpu_;       // today's CPU series, once read
+  std::vector<AppHistory> top_;         // the busiest apps of the day, once read
+  std::optional<ShareCardView> shown_;  // what the card on show says
   QLabel* status_ = nullptr;
   QPushButton* share_ = nullptr;
   QPushButton* copy_ = nullptr;

@@ -14,7 +14,7 @@ ShareCardView shareCardView(const std::vector<HistoryPoint>& cpu, int64_t bucket
   for (const HistoryPoint& p : cpu) {
     if (p.time >= start && p.value >= kBusyShare * 100) busySeconds += bucketSeconds;
   }
-  v.busy = busySeconds > 0 ? Fmt::duration(static_cast<double>(busySeconds)) : "Not at all";
+  v.busy = busySeconds > 0 ? Fmt::duration(static_cast<double>(busySeconds)) : "0 min";
   v.busyNote = "busy, with the CPU above half its capacity";
   for (size_t i = 0; i < top.size() && v.apps.size() < 3; ++i) {
     v.apps.push_back({top[i].name, Fmt::appMetricValue(Metric::cpu, top[i].average) + " CPU"});

@@ -22,6 +22,7 @@ struct ShareCardView {
   std::string tokensNote;  // "fresh tokens by Claude Code and Codex"
   std::string alerts;      // "2"
   std::string alertsNote;  // "alerts" / "alert" / "no alerts today"
+  bool operator==(const ShareCardView&) const = default;
 };
 
 // A bucket counts as busy when the machine's CPU averaged at least this share of all its cores.

@@ -151,23 +151,24 @@ AlertEvent event(std::string id, std::optional<std::string> app) {
   return e;
 }
 
-TEST(AlertsView, NewMarksFollowTheLastVisit) {
+TEST(AlertsView, TheAlertsUnreadOnArrivalAreMarkedNew) {
   const std::vector<AlertEvent> alerts = {event("C", "Mail"), event("B", std::nullopt),
                                           event("A", "Editor")};
   const Date now = dateFromSeconds(1'700'000'600);
   struct Case {
-    std::optional<std::string> lastSeen;
+    int64_t unreadOnArrival;
     std::vector<bool> unread;
     std::string summary;
   } cases[] = {
-      {std::nullopt, {true, true, true}, "3 alerts, 3 new"},
-      {"A", {true, true, false}, "3 alerts, 2 new"},
-      {"C", {false, false, false}, "3 alerts"},
-      {"gone", {false, false, false}, "3 alerts"},  // the last seen was cleared: none can be told
+      {3, {true, true, true}, "3 alerts, 3 new"},
+      {2, {true, true, false}, "3 alerts, 2 new"},
+      {0, {false, false, false}, "3 alerts"},
+      // Counted before a clear and the alerts since: never more than the list holds.
+      {250, {true, true, true}, "3 alerts, 3 new"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.lastSeen.value_or("never"));
-    AlertsView v = alertsView(alerts, {"Editor"}, c.lastSeen, now);
+    SCOPED_TRACE(c.unreadOnArrival);
+    AlertsView v = alertsView(alerts, {"Editor"}, c.unreadOnArrival, now);
     std::vector<bool> unread;
     for (const auto& l : v.lines) unread.push_back(l.unread);
     EXPECT_EQ(unread, c.unread);
@@ -177,7 +178,7 @@ TEST(AlertsView, NewMarksFollowTheLastVisit) {
     EXPECT_TRUE(v.lines[2].muted);               // already muted
     EXPECT_EQ(v.lines[2].muteId, std::nullopt);
   }
-  EXPECT_EQ(alertsView({}, {}, std::nullopt, now).empty, "No alerts yet. That's good news.");
+  EXPECT_EQ(alertsView({}, {}, 0, now).empty, "No alerts yet. That's good news.");
 }
 
 }  // namespace

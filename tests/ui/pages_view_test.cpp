@@ -177,7 +177,7 @@ TEST(ShareCard, CountsOnlyTodaysBusyTimeAndAlerts) {
   EXPECT_EQ(v.apps[0].label, "Editor");
   EXPECT_EQ(v.apps[0].value, "120% CPU");
   EXPECT_EQ(v.tokens, "2,000");
-  EXPECT_EQ(shareCardView({}, 300, {}, {}, {}, dayStart, kNow).busy, "Not at all");
+  EXPECT_EQ(shareCardView({}, 300, {}, {}, {}, dayStart, kNow).busy, "0 min");
 }
 
 }  // namespace
