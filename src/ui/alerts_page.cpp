@@ -3,6 +3,7 @@
 // button that clears them all, and the switches of the rules and of notifications.
 
 #include <QCheckBox>
+#include <QGridLayout>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
@@ -44,8 +45,8 @@ class AlertsPage final : public PageWidget {
     header->addWidget(clear_, 0, Qt::AlignBottom);
     content()->addLayout(header);
 
-    auto* columns = new QHBoxLayout;
-    columns->setSpacing(14);
+    // The list above, the rules under it in two columns: a rule's sentence is long, and beside
+    // the list it would leave neither room enough.
     list_ = new Card;
     listBody_ = new QVBoxLayout;
     listBody_->setSpacing(0);
@@ -53,7 +54,7 @@ class AlertsPage final : public PageWidget {
     empty_ = makeLabel(q(kNoAlertsText), kBody, true);
     list_->body()->addWidget(empty_);
     list_->body()->addStretch();
-    columns->addWidget(list_, 3);
+    content()->addWidget(list_, 1);
 
     auto* rules = new Card("Rules");
     AlertLog& log = context.model.alerts();
@@ -66,6 +67,11 @@ class AlertsPage final : public PageWidget {
     auto* note = makeLabel(q(kNotifySwitchNote), kCaption, true);
     note->setContentsMargins(28, 0, 0, 6);
     rules->body()->addWidget(note);
+    auto* grid = new QGridLayout;
+    grid->setHorizontalSpacing(24);
+    grid->setVerticalSpacing(8);
+    rules->body()->addLayout(grid);
+    int placed = 0;
     for (AlertEvent::Kind kind : kAllAlertKinds) {
       auto* box = new QCheckBox(q(settingText(kind)));
       box->setObjectName(q(rawValue(kind)));
@@ -79,11 +85,10 @@ class AlertsPage final : public PageWidget {
         }
         context_.model.alerts().setAlertKinds(kinds);
       });
-      rules->body()->addWidget(box);
+      grid->addWidget(box, placed / 2, placed % 2);
+      ++placed;
     }
-    rules->body()->addStretch();
-    columns->addWidget(rules, 2, Qt::AlignTop);
-    content()->addLayout(columns, 1);
+    content()->addWidget(rules);
 
     QObject::connect(clear_, &QPushButton::clicked, [this] {
       context_.model.alerts().clearAlerts();

@@ -25,7 +25,7 @@ AlertsView alertsView(const std::vector<AlertEvent>& alerts, const std::set<std:
       line.muted = muted.count(*e.appID) > 0;
       if (!line.muted) line.muteId = e.appID;
     }
-    fresh += unread ? 1 : 0;
+    fresh += line.unread ? 1 : 0;
     v.lines.push_back(std::move(line));
   }
   v.summary = std::to_string(alerts.size()) + (alerts.size() == 1 ? " alert" : " alerts");

@@ -100,6 +100,8 @@ void QuitDialog::present() {
   list_->setEmptyText(q(v.nothingLeft));
   list_->setRows(std::move(rows));
   restyleLabels(this);
+  // The dialog may be made before the application's face is chosen; its buttons follow it here.
+  for (QPushButton* b : {quit_, force_, cancel_}) b->setFont(textFont(kBody));
   cancel_->setFocus();
   if (!isVisible()) open();
   raise();
