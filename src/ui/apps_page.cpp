@@ -199,6 +199,12 @@ class AppsPage final : public PageWidget {
     remember();
     model_->setSnapshot(*latest);
     restore(!model_->query().filter.empty());
+    if (!everSelected_ && model_->rowCount() > 0) {
+      // The page opens on the busiest app's detail: something to read before the first click.
+      everSelected_ = true;
+      tree_->selectionModel()->setCurrentIndex(
+          model_->index(0, 0), QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    }
     summary_->setText(
         QString("%1 apps, %2 processes").arg(latest->apps.size()).arg(latest->processes.size()));
     showDetail();
@@ -358,6 +364,7 @@ class AppsPage final : public PageWidget {
   std::string selectedApp_;
   int32_t selectedPid_ = 0;
   int scroll_ = 0;
+  bool everSelected_ = false;  // the first snapshot selects the top app once
   bool restoring_ = false;
   double dayAt_ = -1e9;
 };

@@ -4,6 +4,7 @@
 #include <QFontMetrics>
 #include <QPainter>
 #include <QPainterPath>
+#include <algorithm>
 
 #include "ui/theme.hpp"
 
@@ -36,7 +37,10 @@ void Toast::show(const QString& text) {
 void Toast::place() {
   QWidget* host = parentWidget();
   QFontMetrics metrics(textFont(kBody, QFont::Medium));
-  int width = metrics.horizontalAdvance(text_) + 2 * kPadX;
+  // A long message (a refusal from the system, say) never runs off the window: it is cut short
+  // with an ellipsis, and where it matters the page says it in full too.
+  int width =
+      std::min(metrics.horizontalAdvance(text_) + 2 * kPadX, host->width() - 2 * kBottomGap);
   setGeometry((host->width() - width) / 2, host->height() - kHeight - kBottomGap, width, kHeight);
 }
 
@@ -55,8 +59,10 @@ void Toast::paintEvent(QPaintEvent*) {
   // without a new colour.
   painter.fillPath(path, p.text);
   painter.setPen(p.window);
-  painter.setFont(textFont(kBody, QFont::Medium));
-  painter.drawText(rect(), Qt::AlignCenter, text_);
+  const QFont font = textFont(kBody, QFont::Medium);
+  painter.setFont(font);
+  const QString shown = QFontMetrics(font).elidedText(text_, Qt::ElideRight, width() - 2 * kPadX);
+  painter.drawText(rect(), Qt::AlignCenter, shown);
 }
 
 }  // namespace vistrel::ui
