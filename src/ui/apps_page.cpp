@@ -134,9 +134,9 @@ class AppsPage final : public PageWidget {
     detail_->body()->addWidget(detailNote_);
     auto* detailRow = new QHBoxLayout;
     detailRow->setSpacing(18);
-    processes_ = new Rows({70, 70, 84});
+    processes_ = new Rows({64, 96, 70});
     processes_->setTextColumns({true, false, false, false});
-    detailRow->addWidget(processes_, 1);
+    detailRow->addWidget(processes_, 1, Qt::AlignTop);
     auto* dayBox = new QVBoxLayout;
     day_ = new Chart;
     day_->setMinimumHeight(120);
@@ -188,6 +188,7 @@ class AppsPage final : public PageWidget {
     QObject::connect(tree_, &QTreeView::customContextMenuRequested,
                      [this](const QPoint& at) { contextMenu(tree_->indexAt(at), at); });
     QObject::connect(quitButton_, &QPushButton::clicked, [this] { askToQuit(); });
+    restyle();
   }
 
   void refresh() override {
@@ -212,6 +213,12 @@ class AppsPage final : public PageWidget {
 
   void restyle() override {
     PageWidget::restyle();
+    // The selected row in the palette's quiet selection colour, its text unchanged: the accent
+    // stays for marks, and a selected row's figures read as the others do.
+    QPalette pal = tree_->palette();
+    pal.setColor(QPalette::Highlight, currentPalette().selection);
+    pal.setColor(QPalette::HighlightedText, currentPalette().text);
+    tree_->setPalette(pal);
     tree_->viewport()->update();
   }
 
