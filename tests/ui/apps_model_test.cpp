@@ -11,9 +11,13 @@
 #include <QAbstractItemModelTester>
 #endif
 
+#include "app/model.hpp"
+#include "base/user_defaults.hpp"
 #include "format/platform_text.hpp"
+#include "sampling/fakes.hpp"
 #include "ui/apps_model.hpp"
 #include "ui/apps_view.hpp"
+#include "ui/page.hpp"
 #include "ui/qt_app.hpp"
 
 namespace vistrel::ui {
@@ -209,6 +213,57 @@ TEST(AppsTreeModel, KeepsTheModelContractThroughResetsSortsAndFilters) {
   }
   model.setSnapshot(Snapshot{});
   EXPECT_EQ(model.rowCount(), 0);
+}
+
+// The page opens on the remembered sort; whatever else is stored there (an old column's name, a
+// wrong type, not an object) falls back to impact, highest first, and a new choice replaces it.
+TEST(AppsPage, OpensOnTheRememberedSortAndSurvivesWhatElseIsStored) {
+  qtest::qtApp();
+  struct Case {
+    const char* label;
+    std::optional<nlohmann::json> stored;
+    int column;
+    Qt::SortOrder order;
+  } cases[] = {
+      {"nothing stored", std::nullopt, int(AppColumn::impact), Qt::DescendingOrder},
+      {"memory, lowest first", nlohmann::json{{"column", "memory"}, {"descending", false}},
+       int(AppColumn::memory), Qt::AscendingOrder},
+      {"a column that is gone", nlohmann::json{{"column", "wakeups"}, {"descending", false}},
+       int(AppColumn::impact), Qt::AscendingOrder},
+      {"wrong types", nlohmann::json{{"column", 3}, {"descending", "yes"}}, int(AppColumn::impact),
+       Qt::DescendingOrder},
+      {"not an object", nlohmann::json("cpu"), int(AppColumn::impact), Qt::DescendingOrder},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    ManualClock clock{1000};
+    ManualMainQueue main;
+    MemoryUserDefaults defaults;
+    if (c.stored) defaults.set("appsSort", *c.stored);
+    SamplerParts parts;
+    parts.cpu = std::make_unique<vistrel::testing::FakeCPU>();
+    parts.memory = std::make_unique<vistrel::testing::FakeMemory>();
+    parts.gpu = std::make_unique<vistrel::testing::FakeGPU>();
+    parts.disk = std::make_unique<vistrel::testing::FakeDisk>();
+    parts.network = std::make_unique<vistrel::testing::FakeNetwork>();
+    auto sampler = Sampler::create(std::move(parts), main, clock);
+    Model model(Model::Parts{sampler, nullptr, &defaults, nullptr}, clock);
+    model.receive(machine());
+    PageContext context{model, nullptr, [](Page) {}, "/usr/bin/vistrel", nullptr, &defaults};
+    std::unique_ptr<PageWidget> page(makePage(Page::apps, context, nullptr));
+    page->resize(1100, 700);
+    page->show();
+    page->refresh();
+    auto* tree = page->findChild<QTreeView*>();
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(tree->header()->sortIndicatorSection(), c.column);
+    EXPECT_EQ(tree->header()->sortIndicatorOrder(), c.order);
+
+    tree->sortByColumn(int(AppColumn::name), Qt::AscendingOrder);
+    EXPECT_EQ(defaults.get("appsSort"),
+              (nlohmann::json{{"column", "name"}, {"descending", false}}));
+    EXPECT_EQ(tree->model()->index(0, 0).data().toString(), "Browser");
+  }
 }
 
 }  // namespace
