@@ -50,7 +50,8 @@ SessionView sessionView(const AgentCard& c, Date now, const std::string& home) {
     s.facts.push_back({"Context", text});
   }
   s.facts.push_back({"Tokens today", tokens(c.tokens.fresh()) + " fresh"});
-  if (c.cost) s.facts.push_back({"Cost", dollars(*c.cost) + ", " + c.tool + "'s estimate"});
+  // The agent's own estimate (the column is the agent's); the figure's column is narrow.
+  if (c.cost) s.facts.push_back({"Estimated cost", dollars(*c.cost)});
   if (c.live && c.processCount > 0) {
     s.facts.push_back(
         {c.processCount == 1 ? "1 process" : std::to_string(c.processCount) + " processes",
