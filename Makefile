@@ -89,8 +89,10 @@ bench: build
 
 # Every page of the window in both appearances at scale 1 and 2, drawn offscreen from live data
 # after a short delay, into build/shots/<page>-<appearance>@<scale>x.png. The application runs with
-# its own home folder there (kept between runs, so its history grows), already welcomed.
-SHOT_PAGES ?= overview cpu memory gpu disk network battery heat apps agents sensors alerts settings welcome cpu:hour
+# its own home folder there (kept between runs, so its history grows), already welcomed, with
+# Claude Code and Codex data and raised alerts written fresh by scripts/shots-home before every
+# shot (one shot of the alerts page would otherwise mark them read for the rest).
+SHOT_PAGES ?= overview cpu memory gpu disk network battery heat apps agents sensors alerts settings welcome cpu:hour quit share
 SHOT_DELAY ?= 3.5
 SHOT_BIN ?= build/release/src/vistrel
 shots: build
@@ -101,6 +103,7 @@ shots-only:
 	@mkdir -p build/shots/home/.config/vistrel
 	@[ -f build/shots/home/.config/vistrel/defaults.json ] || echo '{"welcomed": true}' > build/shots/home/.config/vistrel/defaults.json
 	@set -e; for scale in 1 2; do for theme in night paper; do for page in $(SHOT_PAGES); do \
+	  scripts/shots-home build/shots/home; \
 	  out=build/shots/$$(echo $$page | tr ':' '-')-$$theme@$${scale}x.png; \
 	  env -u XDG_CONFIG_HOME -u XDG_DATA_HOME -u DISPLAY -u WAYLAND_DISPLAY HOME=$(CURDIR)/build/shots/home \
 	    QT_QPA_PLATFORM=offscreen QT_SCALE_FACTOR=$$scale VISTREL_SIZE=1180x780 VISTREL_SHOW=$$page VISTREL_THEME=$$theme \

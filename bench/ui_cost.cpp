@@ -4,6 +4,8 @@
 //   ui_overview_cpu   CPU over 60 s with the window open on the overview, 2 s interval
 //   ui_day_range_cpu  CPU over 60 s on a metric page showing the day range of its history
 //   ui_closed_cpu     CPU over 60 s with the window closed (started as a login launch starts)
+//   ui_apps_cpu       CPU over 60 s with the apps page open, 2 s interval, about 450 processes
+//                     on the machine (idle children fill the process table up to that)
 //   ui_tour_rss       resident memory after every page has been shown once
 //   ui_launch         launch to the first painted window, median of 5 starts
 //
@@ -31,6 +33,7 @@
 #include <vector>
 
 #include "base/main_queue.hpp"
+#include "children.hpp"
 #include "history/history_store.hpp"
 #include "machine.hpp"
 
@@ -137,6 +140,9 @@ double cpuPercent(const std::string& home, const std::string& show) {
   return (after - before) / wall * 100;
 }
 
+// Processes on the machine while the apps page is measured: a busy developer's Mac.
+constexpr size_t kAppsProcesses = 450;
+
 // Eight days of minute rows for the machine and 30 apps, as a week of use leaves them.
 void fillHistory(const std::string& support) {
   vistrel::ManualMainQueue main;
@@ -220,6 +226,14 @@ int main() {
   std::printf("ui_day_range_cpu: %.2f %% of one core\n", cpuPercent(home, "cpu:day"));
   std::fflush(stdout);
   std::printf("ui_closed_cpu: %.2f %% of one core\n", cpuPercent(home, "hidden"));
+  std::fflush(stdout);
+  {
+    vistrel::bench::IdleChildren children;
+    children.fillTo(kAppsProcesses);
+    size_t processes = vistrel::bench::countProcesses();
+    double apps = cpuPercent(home, "apps");
+    std::printf("ui_apps_cpu: %.2f %% of one core (%zu processes)\n", apps, processes);
+  }
   fs::remove_all(home);
   return 0;
 }

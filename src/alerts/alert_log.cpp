@@ -92,6 +92,7 @@ std::vector<AlertEvent> AlertLog::receive(const Snapshot& snapshot, bool alertsP
 }
 
 void AlertLog::markRead() {
+  unreadWhenRead_ = unread_;
   unread_ = 0;
   defaults_.set(kUnreadKey, 0);
 }

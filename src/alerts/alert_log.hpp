@@ -64,8 +64,10 @@ class AlertLog {
 
   const std::vector<AlertEvent>& alerts() const { return alerts_; }  // newest first
   int64_t unreadAlerts() const { return unread_; }
-  // The alerts page was shown: nothing is unread (stored as 0).
+  // The alerts page was shown: nothing is unread (stored as 0). The count it cleared is kept for
+  // the page, which marks that many of the newest alerts as new while it stays on screen.
   void markRead();
+  int64_t unreadWhenRead() const { return unreadWhenRead_; }
   // Empties the list and saves it (the unread count is left to `markRead`).
   void clearAlerts();
 
@@ -91,6 +93,7 @@ class AlertLog {
   DayText dayText_;
   std::vector<AlertEvent> alerts_;
   int64_t unread_ = 0;
+  int64_t unreadWhenRead_ = 0;
 };
 
 }  // namespace vistrel

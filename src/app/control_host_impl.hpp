@@ -32,6 +32,7 @@ class ModelControlHost final : public ControlHost {
   const std::optional<Snapshot>& latestSnapshot() override { return model_.latest(); }
   const std::vector<AlertEvent>& keptAlerts() override;
   bool canQuit(const AppUsage& app) override { return model_.canQuit(app); }
+  bool canAskPerson() override { return model_.canAskPerson(); }
   // Files the request on the model, which holds it until the person answers in the window.
   void confirmQuit(const AppUsage& app) override { model_.confirmQuit(app); }
 

@@ -236,10 +236,12 @@ bool Model::canQuit(const AppUsage& app) const {
 void Model::confirmQuit(const AppUsage& app) {
   if (!canQuit(app)) return;
   quitRequest_ = QuitRequest::forApp(app);
+  if (hooks.quitRequested) hooks.quitRequested();
 }
 
 void Model::confirmEndSession(const std::string& agent, const std::string& folder) {
   quitRequest_ = QuitRequest::forAgent(agent, folder);
+  if (hooks.quitRequested) hooks.quitRequested();
 }
 
 void Model::setQuitTools(std::shared_ptr<SignalSender> signals, std::shared_ptr<AppQuitter> apps) {

@@ -41,6 +41,9 @@ class Model {
     // Ask the coding-agents monitor to refresh with this tick's live agent sessions, no sooner than
     // `minimumGap` seconds after its last refresh (the monitor enforces the gap).
     std::function<void(const Snapshot&, double minimumGap)> refreshAgents;
+    // A quit request was filed (or replaced a pending one): bring the window forward and ask the
+    // person. Left empty where nothing can be shown (no display), so nobody can be asked.
+    std::function<void()> quitRequested;
   };
 
   struct Parts {
@@ -130,6 +133,8 @@ class Model {
   bool canQuit(const AppUsage& app) const;
   // When `canQuit(app)`, files a new request for the app (replacing a pending one). Never quits.
   void confirmQuit(const AppUsage& app);
+  // Whether a person can be asked to confirm here: a window is there to show the question.
+  bool canAskPerson() const { return static_cast<bool>(hooks.quitRequested); }
   // Files a request to end a coding-agent session (the agent's name, the session's folder).
   void confirmEndSession(const std::string& agent, const std::string& folder);
   // Carries out the request the person confirmed, as a normal or a forced quit, then clears it and

@@ -293,6 +293,7 @@ OJson Control::quitApp(const json& args) {
   // A copy: filing the request must not depend on the snapshot staying put.
   const AppUsage app = findApp(host_.latestSnapshot(), nameArg(args));
   if (!host_.canQuit(app)) throw Failure{app.name + platformTextFor(kCannotQuit, forLinux_)};
+  if (!host_.canAskPerson()) throw Failure{kNobodyToAsk};
   // Only files the request; the person confirms or cancels it in the window.
   host_.confirmQuit(app);
   return std::string(kAskedBefore) + app.name + kAskedAfter;

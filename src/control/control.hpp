@@ -68,6 +68,11 @@ class Control final : public ControlHandler {
   static constexpr const char* kCannotQuit =
       " can't be quit from Vistrel (it belongs to macOS or another user).";
 
+  // Without a window nobody can be asked, so nothing is filed.
+  static constexpr const char* kNobodyToAsk =
+      "Vistrel is running without its window here, so nobody can be asked to confirm. Nothing "
+      "was quit.";
+
   // Before and after the app's name.
   static constexpr const char* kAskedBefore =
       "Asked the person in Vistrel's window whether to quit ";

@@ -25,6 +25,9 @@ class ControlHost {
   virtual const std::vector<AlertEvent>& keptAlerts() = 0;
   // Whether the app may be quit from Vistrel at all (not the system's, not another user's).
   virtual bool canQuit(const AppUsage& app) = 0;
+  // Whether anyone can be asked to confirm a quit: false when the application runs without a
+  // window (no display), where a filed request could never be answered.
+  virtual bool canAskPerson() = 0;
   // Files a quit request for the person to confirm in the window. Never quits anything itself.
   virtual void confirmQuit(const AppUsage& app) = 0;
 

@@ -31,6 +31,10 @@ void PageWidget::restyle() {
 PageWidget* makePage(Page page, PageContext& context, QWidget* parent) {
   if (page == Page::overview) return makeOverviewPage(context, parent);
   if (page == Page::settings) return makeSettingsPage(context, parent);
+  if (page == Page::apps) return makeAppsPage(context, parent);
+  if (page == Page::alerts) return makeAlertsPage(context, parent);
+  if (page == Page::agents) return makeAgentsPage(context, parent);
+  if (page == Page::sensors) return makeSensorsPage(context, parent);
   if (auto metric = pageMetric(page)) return makeMetricPage(*metric, context, parent);
   return makeComingPage(page, context, parent);
 }

@@ -18,6 +18,7 @@ namespace vistrel {
 class Model;
 class HistoryStore;
 class MainLoop;
+class UserDefaults;
 }  // namespace vistrel
 
 namespace vistrel::ui {
@@ -26,10 +27,13 @@ class LoginItem;
 
 struct PageContext {
   Model& model;
-  HistoryStore* history = nullptr;  // null: no history (the pages say so)
-  std::function<void(Page)> go;     // show another page
-  std::string executable;           // this executable's path, for the agent-access commands
-  LoginItem* loginItem = nullptr;   // null: opening at login is not offered
+  HistoryStore* history = nullptr;   // null: no history (the pages say so)
+  std::function<void(Page)> go;      // show another page
+  std::string executable;            // this executable's path, for the agent-access commands
+  LoginItem* loginItem = nullptr;    // null: opening at login is not offered
+  UserDefaults* defaults = nullptr;  // the pages' own remembered choices; null: not remembered
+  // Shows a short message at the bottom of the window; empty where there is no window (tests).
+  std::function<void(const std::string&)> toast = nullptr;
 };
 
 // A page: scrolls when the window is smaller than its content, and is refreshed only while it is
@@ -59,7 +63,11 @@ PageWidget* makePage(Page page, PageContext& context, QWidget* parent);
 PageWidget* makeOverviewPage(PageContext& context, QWidget* parent);
 PageWidget* makeMetricPage(Metric metric, PageContext& context, QWidget* parent);
 PageWidget* makeSettingsPage(PageContext& context, QWidget* parent);
-// Apps, coding agents, sensors and alerts until their own pages exist.
+PageWidget* makeAppsPage(PageContext& context, QWidget* parent);
+PageWidget* makeAlertsPage(PageContext& context, QWidget* parent);
+PageWidget* makeAgentsPage(PageContext& context, QWidget* parent);
+PageWidget* makeSensorsPage(PageContext& context, QWidget* parent);
+// A page not built yet.
 PageWidget* makeComingPage(Page page, PageContext& context, QWidget* parent);
 
 }  // namespace vistrel::ui

@@ -308,7 +308,7 @@ class SettingsPage final : public PageWidget {
   }
 
   // The switch never shows a state the system does not have: after asking, it follows the
-  // system's answer, and a refusal is said under it.
+  // system's answer, and a refusal is said under it and in a toast.
   void setOpenAtLogin(bool on) {
     auto refused = context_.loginItem->setEnabled(on);
     const bool now = context_.loginItem->enabled();
@@ -319,6 +319,8 @@ class SettingsPage final : public PageWidget {
     }
     loginNote_->setText(refused ? q(*refused) : QString());
     loginNote_->setVisible(refused.has_value());
+    // Said at the bottom of the window too, where the eye is after clicking.
+    if (refused && context_.toast) context_.toast(*refused);
   }
 
   void toggleMenuItem(Metric m, bool on) {

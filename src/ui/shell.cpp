@@ -17,8 +17,11 @@
 #include "app/model.hpp"
 #include "ui/desktop.hpp"
 #include "ui/login_item.hpp"
+#include "ui/quit_dialog.hpp"
+#include "ui/share_card.hpp"
 #include "ui/shell_state.hpp"
 #include "ui/theme.hpp"
+#include "ui/toast.hpp"
 #include "ui/views.hpp"
 #include "ui/welcome.hpp"
 #include "ui/window.hpp"
@@ -40,6 +43,7 @@ class WindowShell final : public ApplicationShell {
                  runningExecutablePath().value_or("vistrel")} {
     loginItem_ = makeLoginItem(context_.executable);
     context_.loginItem = loginItem_.get();
+    context_.defaults = &app_.defaults();
     // The setting mirrors the system's registration, which may have changed while we were away.
     if (model_.settings().openAtLogin != loginItem_->enabled()) {
       model_.setOpenAtLogin(loginItem_->enabled());
@@ -53,6 +57,13 @@ class WindowShell final : public ApplicationShell {
       desktop::setShowInDock(model_.settings().showInDock, window_->isVisible());
     };
     model_.addObserver([this](const Snapshot&) { window_->refresh(); });
+    toast_ = new Toast(*window_->centralWidget());
+    context_.toast = [this](const std::string& text) {
+      toast_->show(QString::fromStdString(text));
+    };
+    // An agent's request, or the apps page's: the window comes forward with the question.
+    quitDialog_ = attachQuitDialog(
+        model_, *window_, [this] { showWindow(); }, context_.toast);
 
     followVisibility(*window_, model_);
     window_->onFrameChanged = [this] { frameTimer_.start(); };
@@ -86,6 +97,7 @@ class WindowShell final : public ApplicationShell {
     model_.hooks.windowOnScreen = nullptr;
     model_.hooks.applyAppearance = nullptr;
     model_.hooks.applyDock = nullptr;
+    model_.hooks.quitRequested = nullptr;
   }
 
  private:
@@ -113,15 +125,35 @@ class WindowShell final : public ApplicationShell {
       model_.setShowWelcome(false);
       showWelcome(*window_, context_);
     }
+    if (target && target->quit) askToQuitOnce();
+    if (target && target->share) showShareSheet(*window_, context_);
     if (hooks_.shot) {
       QTimer::singleShot(static_cast<int>(hooks_.shotDelay * 1000), window_.get(),
                          [this] { takeShot(); });
     }
   }
 
+  // For screenshots: once the first snapshot is in, asks about the busiest app that may be quit.
+  void askToQuitOnce() {
+    auto* poll = new QTimer(window_.get());
+    poll->setInterval(100);
+    QObject::connect(poll, &QTimer::timeout, [this, poll] {
+      if (!model_.latest()) return;
+      poll->deleteLater();
+      poll->stop();
+      for (const AppUsage& app : model_.latest()->apps) {
+        if (model_.canQuit(app)) return model_.confirmQuit(app);
+      }
+      std::fprintf(stderr, "vistrel: no app of this user to ask about\n");
+    });
+    poll->start();
+  }
+
   void takeShot() {
     QWidget* content = window_->centralWidget();
     QWidget* sheet = activeSheet(*window_);
+    if (!sheet && quitDialog_->isVisible()) sheet = quitDialog_;
+    if (!sheet) sheet = activeShareSheet();
     QPixmap pixmap = content->grab();
     if (sheet) {
       // The sheet is its own window: draw it over the content where it sits.
@@ -218,7 +250,10 @@ class WindowShell final : public ApplicationShell {
         ->setMenuRole(QAction::QuitRole);
 
     QMenu* file = bar->addMenu("File");
-    add(file, "Share Today…", [] {})->setEnabled(false);
+    add(file, "Share Today…", [this] {
+      showWindow();
+      showShareSheet(*window_, context_);
+    });
     file->addSeparator();
     add(
         file, "Close Window", [this] { window_->close(); }, QKeySequence::Close);
@@ -268,6 +303,8 @@ class WindowShell final : public ApplicationShell {
   PageContext context_;
   std::unique_ptr<LoginItem> loginItem_;
   std::unique_ptr<MainWindow> window_;
+  QuitDialog* quitDialog_ = nullptr;  // owned by the window
+  Toast* toast_ = nullptr;            // owned by the window's content
   QTimer frameTimer_;
 };
 

@@ -42,8 +42,8 @@ Frame restoredFrame(const std::optional<Frame>& saved, const Frame& screen);
 struct ShowTarget {
   Page page = Page::overview;
   bool welcome = false;  // "welcome": the welcome sheet over the overview
-  bool share = false;    // "share": the share sheet (not built yet: the overview)
-  bool quit = false;     // "quit": the apps page with a quit to confirm (not built yet)
+  bool share = false;    // "share": the share sheet over the overview
+  bool quit = false;     // "quit": the apps page asking to quit its busiest quittable app
   // For benchmarks and screenshots, beyond the page names: "cpu:day" opens a metric page on a
   // range of its history ("hour", "day", "week", "month", "year"); "hidden" starts with the window
   // closed, as a login launch does; "tour" shows every page once, then the overview.

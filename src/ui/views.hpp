@@ -99,6 +99,7 @@ OverviewView overviewView(const std::optional<Snapshot>& latest, const AgentsSna
 struct Fact {
   std::string label;
   std::string value;
+  bool operator==(const Fact&) const = default;
 };
 struct Segment {
   std::string label;

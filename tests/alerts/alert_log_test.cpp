@@ -111,6 +111,10 @@ TEST_F(AlertLogTest, UnreadCountsOnlyWhileTheAlertsPageIsAway) {
     log->markRead();
     EXPECT_EQ(log->unreadAlerts(), 0);
     EXPECT_EQ(defaults.integer("unreadAlerts"), 0);
+    // The page marks as new what the sidebar counted, not what a second visit finds.
+    EXPECT_EQ(log->unreadWhenRead(), c.unread);
+    log->markRead();
+    EXPECT_EQ(log->unreadWhenRead(), 0);
     log->clearAlerts();
     EXPECT_EQ(stored(), std::vector<AlertEvent>{});
   }

@@ -178,8 +178,17 @@ TEST_F(ModelQuitTest, QuitAppThroughTheControlHostOnlyFilesARequest) {
   });
   Control control(host, clock, false);
 
+  // Without a window nobody can be asked: the agent hears so and nothing is filed.
   auto answer = nlohmann::json::parse(control.answerOnMain("quit_app", {{"name", "xcode"}}));
+  EXPECT_EQ(answer["ok"], false);
+  EXPECT_EQ(answer["error"], Control::kNobodyToAsk);
+  EXPECT_FALSE(model->quitRequest());
+
+  int asked = 0;
+  model->hooks.quitRequested = [&] { ++asked; };
+  answer = nlohmann::json::parse(control.answerOnMain("quit_app", {{"name", "xcode"}}));
   EXPECT_EQ(answer["ok"], true);
+  EXPECT_EQ(asked, 1);
   ASSERT_TRUE(model->quitRequest());
   ASSERT_NE(model->quitRequest()->app(), nullptr);
   EXPECT_EQ(model->quitRequest()->app()->name, "Xcode");

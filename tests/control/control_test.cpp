@@ -42,6 +42,7 @@ class FakeHost : public ControlHost {
     return vistrel::canQuit(app, snapshot ? snapshot->processes : std::vector<ProcessSample>{},
                             context);
   }
+  bool canAskPerson() override { return windowThere; }
   void confirmQuit(const AppUsage& app) override { filed.push_back(app); }
   HistoryStore* history() override { return store; }
   AgentsSnapshot agentsNow() override {
@@ -58,6 +59,7 @@ class FakeHost : public ControlHost {
   std::optional<Snapshot> snapshot;
   std::vector<AlertEvent> kept;
   std::vector<AppUsage> filed;
+  bool windowThere = true;
   HistoryStore* store = nullptr;
   AgentsSnapshot agents;
   int agentsReads = 0;
@@ -501,6 +503,7 @@ TEST_F(ControlTest, QuitAppOnlyFilesARequestForAppsThePersonMayQuit) {
     uint32_t uid;
     bool linux;
     std::string error;  // empty: filed
+    bool windowThere = true;
   } cases[] = {
       {"macOS system services", true, 0, false,
        "macOS system services can't be quit from Vistrel (it belongs to macOS or another user)."},
@@ -514,11 +517,17 @@ TEST_F(ControlTest, QuitAppOnlyFilesARequestForAppsThePersonMayQuit) {
        "Vistrel can't be quit from Vistrel (it belongs to macOS or another user)."},
       {"Xcode", false, kMe, false, ""},
       {"Mac Mouse Fix", false, kMe, true, ""},
+      // No display: the request would wait for nobody, so none is filed and the agent is told.
+      {"Xcode", false, kMe, false,
+       "Vistrel is running without its window here, so nobody can be asked to confirm. Nothing "
+       "was quit.",
+       false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     host.snapshot = Snapshot{};
     host.filed.clear();
+    host.windowThere = c.windowThere;
     addApp(*host.snapshot, c.name + " Helper", {5});
     AppUsage& app = addApp(*host.snapshot, c.name, {10, 11}, c.uid);
     app.isSystem = c.isSystem;

@@ -16,6 +16,7 @@
 #include "app/model.hpp"
 #include "history/history_store.hpp"
 #include "sampling/fakes.hpp"
+#include "ui/qt_app.hpp"
 #include "ui/qt_main_loop.hpp"
 #include "ui/sidebar.hpp"
 #include "ui/theme.hpp"
@@ -27,18 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 
 QApplication& qt() {
-  static int argc = 1;
-  static char name[] = "ui_tests";
-  static char* argv[] = {name, nullptr};
-  static QApplication* app = [] {
-    setenv("QT_QPA_PLATFORM", "offscreen", 0);
-    auto* a = qobject_cast<QApplication*>(QCoreApplication::instance());
-    if (!a) a = new QApplication(argc, argv);
-    QApplication::setQuitOnLastWindowClosed(false);
-    loadFonts();
-    return a;
-  }();
-  return *app;
+  return qtest::qtApp();
 }
 
 // Runs the event loop until `done` holds or `ms` have passed.
