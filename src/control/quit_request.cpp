@@ -34,6 +34,10 @@ std::string QuitRequest::message() const {
   return "This ends the session in " + agent()->folder + " and everything it started.";
 }
 
+std::string QuitRequest::forceQuitNote() {
+  return "Force quit closes it at once. Anything unsaved is lost.";
+}
+
 // --- Which apps may be asked to quit ---
 
 QuitContext QuitContext::current() {

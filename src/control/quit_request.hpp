@@ -49,6 +49,8 @@ struct QuitRequest {
   // The dialog's sentence: "Xcode will be asked to quit, like choosing Quit from its menu." or
   // "This ends the session in ~/code/x and everything it started.".
   std::string message() const;
+  // The line beside the force-quit choice (apps only).
+  static std::string forceQuitNote();
 
   bool operator==(const QuitRequest&) const = default;
 };
