@@ -7,6 +7,8 @@
 #include <cstdlib>
 
 #include "agents/executable_path.hpp"
+#include "app/single_instance.hpp"
+#include "control/control_socket.hpp"
 
 #ifndef VISTREL_APPLICATION_MODULE
 #error "the build names the application module's file"
@@ -144,7 +146,17 @@ std::vector<std::string> applicationModuleCandidates(std::string_view executable
   return out;
 }
 
-int runApplicationModule() {
+bool headlessForced(const char* value) {
+  return value && *value && std::string_view(value) != "0";
+}
+
+int runApplicationModule(LaunchKind kind) {
+  // One application per user: the lock sits beside the control socket, which every launch (and
+  // every `--mcp`) finds in the same place whatever its environment.
+  if (!becomeTheInstance(kind, instanceLockPath(ControlSocket::path()))) return 0;
+  if (kind != LaunchKind::interactive) {
+    ::setenv(kLaunchVariable, std::string(launchWord(kind)).c_str(), 1);
+  }
   auto executable = runningExecutablePath();
   if (!executable) {
     std::fprintf(stderr,
@@ -156,6 +168,8 @@ int runApplicationModule() {
   std::optional<std::string> noWindow;
   if (*windowModule == '\0') {
     noWindow = "this build has no window";
+  } else if (headlessForced(std::getenv("VISTREL_HEADLESS"))) {
+    noWindow = "VISTREL_HEADLESS is set: running without a window";
   } else if (!kAlwaysDisplay) {
     noWindow =
         linuxDisplayProblem([](const char* name) { return std::getenv(name); },

@@ -14,8 +14,12 @@
 
 #include "agents/executable_path.hpp"
 #include "app/model.hpp"
+#include "app/single_instance.hpp"
+#include "ui/desktop_notifier.hpp"
+#include "ui/dock.hpp"
 #include "ui/login_item.hpp"
 #include "ui/shell_state.hpp"
+#include "ui/status_bar.hpp"
 #include "ui/theme.hpp"
 #include "ui/views.hpp"
 #include "ui/welcome.hpp"
@@ -50,7 +54,21 @@ class WindowShell final : public ApplicationShell {
     model_.hooks.windowOnScreen = [this] { return window_->onScreen(); };
     model_.hooks.applyAppearance = [this] { applyTheme(); };
     // The Dock belongs to macOS; elsewhere the window is always in the task bar.
-    model_.hooks.applyDock = [] {};
+    model_.hooks.applyDock = [this] {
+      applyDockPolicy(model_.settings().showInDock, window_->isVisible());
+    };
+    notifier_ = makeDesktopNotifier([this] { go(Page::alerts), showWindow(); });
+    model_.alertEngine().setNotifier(notifier_.get());
+    statusBar_ = std::make_unique<StatusBar>(
+        model_,
+        StatusBar::Actions{[this] { showWindow(); }, [this](Page p) { go(p), showWindow(); },
+                           [this] { app_.requestQuit(); }});
+    model_.hooks.menuItemsChanged = [this] { statusBar_->sync(); };
+    previousOnSample_ = model_.hooks.onSample;
+    model_.hooks.onSample = [this] {
+      if (previousOnSample_) previousOnSample_();
+      statusBar_->update();
+    };
     model_.addObserver([this](const Snapshot&) { window_->refresh(); });
 
     followVisibility(*window_, model_);
@@ -74,11 +92,29 @@ class WindowShell final : public ApplicationShell {
     model_.hooks.windowOnScreen = nullptr;
     model_.hooks.applyAppearance = nullptr;
     model_.hooks.applyDock = nullptr;
+    model_.hooks.menuItemsChanged = nullptr;
+    model_.hooks.onSample = previousOnSample_;
+    model_.alertEngine().setNotifier(nullptr);
   }
 
  private:
   void launched() {
+    // The menu-bar items (tray) from the settings, then redrawn on every sample.
+    statusBar_->sync();
+    if (const char* prefix = std::getenv("VISTREL_MENUBAR_SHOT"); prefix && *prefix) {
+      QTimer::singleShot(static_cast<int>(hooks_.shotDelay * 1000), window_.get(),
+                         [this, path = std::string(prefix)] {
+                           statusBar_->dumpItems(path);
+                           if (hooks_.shotQuit && !hooks_.shot) app_.requestQuit();
+                         });
+    }
     if (model_.takeFirstLaunch()) model_.setShowWelcome(true);
+    // "panel": the menu-bar panel open and the window closed (benchmarks of the panel's cost).
+    if (hooks_.show == "panel") {
+      QScreen* screen = QGuiApplication::primaryScreen();
+      statusBar_->togglePanel(screen ? screen->availableGeometry().center() : QPoint(400, 300));
+      return;
+    }
     std::optional<ShowTarget> target;
     if (hooks_.show) {
       target = showTarget(*hooks_.show);
@@ -91,6 +127,9 @@ class WindowShell final : public ApplicationShell {
     }
     // A start with the window closed, as a login launch does: the menu bar (or tray) only.
     if (target && target->hidden) return;
+    // Opened at login or for an AI agent: the menu bar (or tray) only, unless a page is asked for.
+    const char* launch = std::getenv(kLaunchVariable);
+    if (!hooks_.show && launch && launchKindFromWord(launch) != LaunchKind::interactive) return;
     showWindow();
     if (target && target->tour) {
       // Every page once, a tick apart, then back to the overview (memory after a full visit).
@@ -133,6 +172,7 @@ class WindowShell final : public ApplicationShell {
   }
 
   void showWindow() {
+    statusBar_->closePopover();
     window_->show();
     window_->raise();
     window_->activateWindow();
@@ -248,6 +288,9 @@ class WindowShell final : public ApplicationShell {
   PageContext context_;
   std::unique_ptr<LoginItem> loginItem_;
   std::unique_ptr<MainWindow> window_;
+  std::unique_ptr<AlertNotifier> notifier_;
+  std::unique_ptr<StatusBar> statusBar_;
+  std::function<void()> previousOnSample_;  // the application's own per-sample work
   QTimer frameTimer_;
 };
 

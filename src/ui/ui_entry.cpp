@@ -31,6 +31,7 @@ extern "C" __attribute__((visibility("default"))) int vistrel_ui_main(int interf
     vistrel::ui::QtMainLoop loop;
     auto options = vistrel::ApplicationOptions::fromEnvironment();
     options.printStatus = false;  // the window shows what the terminal lines would
+    options.alertLines = false;   // the window and the desktop's notifications show the alerts
     return vistrel::runApplicationMode(loop, vistrel::ui::makeWindowShell, std::move(options));
   } catch (const std::exception& error) {
     std::fprintf(stderr, "vistrel: the application stopped on an unexpected error: %s\n",

@@ -31,6 +31,8 @@ QApplication& qt() {
   static char name[] = "ui_tests";
   static char* argv[] = {name, nullptr};
   static QApplication* app = [] {
+    // Another test file of this executable may have made it first.
+    if (auto* existing = qobject_cast<QApplication*>(QCoreApplication::instance())) return existing;
     setenv("QT_QPA_PLATFORM", "offscreen", 0);
     auto* a = new QApplication(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
