@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -107,7 +108,7 @@ void measure(const std::string& path, const std::string& name, const std::string
 // One `vistrel --mcp` process from start to its first tool call's answer: it initializes, calls
 // `status` through the socket, and ends with its input. Returns the median wall time of `runs`
 // processes in milliseconds, or -1 when an answer is missing.
-double mcpFirstCall(const std::string& dataHome, int runs) {
+double mcpFirstCall(int runs) {
   const std::string input =
       R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18",)"
       R"("capabilities":{},"clientInfo":{"name":"bench","version":"1"}}})"
@@ -116,8 +117,8 @@ double mcpFirstCall(const std::string& dataHome, int runs) {
       "\n"
       R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"status","arguments":{}}})"
       "\n";
-  // The --mcp process finds the socket through the data folder, as the application places it.
-  ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+  // The --mcp process finds the socket through the home folder (set in main), as the
+  // application places it.
   std::vector<double> times;
   for (int i = 0; i < runs; ++i) {
     auto start = Timer::now();
@@ -139,10 +140,10 @@ int main() {
   char pattern[] = "/tmp/vistrel-bench-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) return 1;
   std::string dataHome = pattern;
-  // Where a real application keeps it, so that a --mcp process finds it too.
-  std::string folder = dataHome + "/Vistrel";
-  makeFolders(folder);
-  std::string path = folder + "/control.sock";
+  // Where a real application keeps it, so that a --mcp process (which inherits HOME) finds it too.
+  ::setenv("HOME", dataHome.c_str(), 1);
+  std::string path = ControlSocket::path();
+  makeFolders(path.substr(0, path.rfind('/')));
 
   ManualMainQueue queue;
   std::thread mainThread([&] { queue.run(); });
@@ -155,7 +156,7 @@ int main() {
       measure(path, "status", R"({"tool":"status","args":{}})", handler.status.size());
       measure(path, "list_apps", R"({"tool":"list_apps","args":{"limit":30}})",
               handler.apps.size());
-      double first = mcpFirstCall(dataHome, 50);
+      double first = mcpFirstCall(50);
       if (first < 0) {
         std::printf("mcp first tool call: no answer\n");
       } else {
@@ -167,7 +168,6 @@ int main() {
   }
   queue.quit();
   mainThread.join();
-  ::rmdir(folder.c_str());
-  ::rmdir(dataHome.c_str());
+  std::filesystem::remove_all(dataHome);
   return status;
 }

@@ -1,6 +1,8 @@
 // The process layer's memory over a long run: 10,000 ticks with a process starting and another
 // ending between ticks. The per-pid memories must hold no more than the live pids plus the pruning
-// slack, and the resident size must stay flat.
+// slack, and the resident size must stay flat. Then the same number of ticks over a synthetic /proc
+// tree with kernel workers and unreadable processes coming and going: the open descriptors must
+// stay flat too.
 //
 //   bench_process_soak [ticks, default 10000]
 
@@ -10,6 +12,7 @@
 
 #include "base/clock.hpp"
 #include "children.hpp"
+#include "kernel_churn.hpp"
 #include "machine.hpp"
 #include "processes/process_stages.hpp"
 
@@ -52,5 +55,16 @@ int main(int argc, char** argv) {
   std::printf("map gpuShare at end: %zu\n", sizes.gpuShare);
   std::printf("map last max: %zu\n", maxLast);
   std::printf("map info max: %zu\n", maxInfo);
+
+  auto churn2 = bench::soakKernelChurn(ticks);
+  if (churn2.ran) {
+    std::printf("kernel churn ticks: %d\n", ticks);
+    std::printf("kernel churn fds after warm-up: %zu\n", churn2.descriptorsAfterWarmup);
+    std::printf("kernel churn fds max: %zu\n", churn2.descriptorsMax);
+    std::printf("kernel churn fds at end: %zu\n", churn2.descriptorsAtEnd);
+    std::printf("kernel churn rss after warm-up: %.1f MB\n", churn2.rssAfterWarmup / 1e6);
+    std::printf("kernel churn rss at end: %.1f MB\n", churn2.rssAtEnd / 1e6);
+    std::printf("kernel churn hidden at end: %d\n", churn2.hiddenAtEnd);
+  }
   return 0;
 }

@@ -227,9 +227,7 @@ int readFolder(const std::string& root, const std::string& report) {
     struct stat info {};
     ::stat(entry.path().c_str(), &info);
     allBytes += static_cast<uint64_t>(info.st_size);
-    const Date modified = Date(
-        std::chrono::duration_cast<Date::duration>(std::chrono::seconds(info.st_mtim.tv_sec) +
-                                                   std::chrono::nanoseconds(info.st_mtim.tv_nsec)));
+    const Date modified = modifiedDate(info);
     if (modified < today) continue;
     todayBytes += static_cast<uint64_t>(info.st_size);
     if (entry.path().string().find("/subagents/") == std::string::npos &&

@@ -40,6 +40,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       if (!parsed->plan->session && !parsed->plan->weekly) __builtin_trap();
       for (const auto& w : {parsed->plan->session, parsed->plan->weekly}) {
         if (w && !std::isfinite(w->usedPercent)) __builtin_trap();
+        if (w && w->windowMinutes &&
+            (*w->windowMinutes < 1 || *w->windowMinutes > vistrel::kLongestWindowMinutes)) {
+          __builtin_trap();
+        }
+        // The pace and reset lines of any window a file can describe stay in range.
+        if (w) (void)(w->paceLine(now) + w->resetLine(now));
       }
     }
     rollout.apply(*parsed);

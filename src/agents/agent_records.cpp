@@ -42,17 +42,16 @@ std::optional<Date> UsageWindow::runsOut(Date now) const {
   auto gone = elapsed(now);
   // In the first 5 % of a window there is too little to extrapolate from.
   if (!gone || *gone <= 0.05 || usedPercent <= 1.0) return std::nullopt;
-  double length = static_cast<double>(*windowMinutes) * 60;
-  Date start =
-      *resetsAt - std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(length));
-  double seconds = secondsBetween(start, now);
-  if (seconds <= 0) return std::nullopt;
-  double pace = usedPercent / seconds;  // percent per second
+  // Worked in seconds as doubles and turned into a date only once it is known to fall before the
+  // reset: a window of absurd length (a file may claim anything) must not overflow the clock.
+  const double untilReset = secondsBetween(now, *resetsAt);
+  const double sinceStart = static_cast<double>(*windowMinutes) * 60 - untilReset;
+  if (!(sinceStart > 0)) return std::nullopt;
+  const double pace = usedPercent / sinceStart;  // percent per second
   if (!(pace > 0)) return std::nullopt;
-  Date out = now + std::chrono::duration_cast<Date::duration>(
-                       std::chrono::duration<double>((100 - usedPercent) / pace));
-  if (out < *resetsAt) return out;
-  return std::nullopt;
+  const double left = (100 - usedPercent) / pace;  // seconds until the window is used up
+  if (!(left < untilReset)) return std::nullopt;   // the window resets first
+  return now + std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(left));
 }
 
 std::string UsageWindow::paceLine(Date now) const {

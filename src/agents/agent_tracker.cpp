@@ -45,8 +45,9 @@ AgentTracker::AgentTracker(Queries queries, const Clock& clock)
     : queries_(std::move(queries)), clock_(clock) {}
 
 std::optional<std::string> AgentTracker::tool(const ProcessSample& p) {
-  if (auto cached = argsCache_.find(p.pid);
-      cached != argsCache_.end() && cached->second.started == p.started) {
+  if (auto cached = argsCache_.find(p.pid); cached != argsCache_.end() &&
+                                            cached->second.started == p.started &&
+                                            cached->second.name == p.name) {
     return cached->second.tool;
   }
   std::optional<std::string> found;
@@ -65,7 +66,7 @@ std::optional<std::string> AgentTracker::tool(const ProcessSample& p) {
       break;
     }
   }
-  argsCache_[p.pid] = {p.started, found};
+  argsCache_[p.pid] = {p.started, p.name, found};
   return found;
 }
 

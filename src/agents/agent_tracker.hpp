@@ -43,6 +43,7 @@ class AgentTracker {
  private:
   struct Recognised {
     std::optional<Date> started;
+    std::string name;  // an exec (a shim, a wrapper script) keeps the pid and start time
     std::optional<std::string> tool;
   };
 

@@ -8,10 +8,10 @@ AgentsMonitor::AgentsMonitor(MainQueue& main, const Clock& clock, Options option
       options_(std::move(options)),
       queue_("org.brackwood.vistrel.agents") {
   if (options_.startOfDay) {
-    claude_ = std::make_unique<ClaudeReader>(options_.claudeFolder, options_.startOfDay);
+    claude_ = std::make_unique<ClaudeReader>(options_.claudeFolders, options_.startOfDay);
     codex_ = std::make_unique<CodexReader>(options_.codexFolder, options_.startOfDay);
   } else {
-    claude_ = std::make_unique<ClaudeReader>(options_.claudeFolder);
+    claude_ = std::make_unique<ClaudeReader>(options_.claudeFolders);
     codex_ = std::make_unique<CodexReader>(options_.codexFolder);
   }
 }

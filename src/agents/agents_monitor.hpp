@@ -17,7 +17,7 @@ namespace vistrel {
 
 // Where the agents monitor reads from; the defaults are the agents' own folders.
 struct AgentsMonitorOptions {
-  std::string claudeFolder = ClaudeReader::defaultFolder();
+  std::vector<std::string> claudeFolders = ClaudeReader::defaultFolders();
   std::string codexFolder = CodexReader::defaultFolder();
   BridgePaths bridge = BridgePaths::defaults();
   std::function<Date(Date)> startOfDay;  // local midnight unless replaced (tests)

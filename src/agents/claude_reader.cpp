@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 
 #include "base/files.hpp"
@@ -17,15 +18,6 @@ constexpr std::string_view kTranscript = ".jsonl";
 
 bool endsWith(std::string_view text, std::string_view end) {
   return text.size() > end.size() && text.substr(text.size() - end.size()) == end;
-}
-
-int64_t modifiedNs(const struct stat& info) {
-  return static_cast<int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
-}
-
-Date modifiedDate(const struct stat& info) {
-  return Date(std::chrono::duration_cast<Date::duration>(
-      std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec)));
 }
 
 // A folder listing that closes itself.
@@ -67,30 +59,47 @@ void sortLargestFirst(std::vector<std::pair<std::string, int64_t>>& list) {
 
 }  // namespace
 
-ClaudeReader::ClaudeReader(std::string folder, std::function<Date(Date)> startOfDay,
+ClaudeReader::ClaudeReader(std::vector<std::string> folders, std::function<Date(Date)> startOfDay,
                            std::function<bool(int32_t)> alive)
-    : folder_(std::move(folder)), startOfDay_(std::move(startOfDay)), alive_(std::move(alive)) {}
+    : folders_(std::move(folders)), startOfDay_(std::move(startOfDay)), alive_(std::move(alive)) {}
 
-std::string ClaudeReader::defaultFolder() {
+std::vector<std::string> ClaudeReader::defaultFolders() {
+  std::vector<std::string> out;
   const char* configured = std::getenv("CLAUDE_CONFIG_DIR");
-  if (configured && *configured) return configured;
-  return joinPath(homeFolder(), ".claude");
+  if (configured && *configured) out.emplace_back(configured);
+  const std::string home = homeFolder();
+  out.push_back(joinPath(home, ".config/claude"));
+  out.push_back(joinPath(home, ".claude"));
+  return out;
 }
 
 bool ClaudeReader::installed() const {
-  return pathExists(folder_);
+  return std::any_of(folders_.begin(), folders_.end(),
+                     [](const std::string& folder) { return pathExists(folder); });
+}
+
+std::vector<std::string> ClaudeReader::existingFolders() const {
+  std::vector<std::string> out;
+  for (const std::string& folder : folders_) {
+    char resolved[PATH_MAX];
+    if (::realpath(folder.c_str(), resolved) == nullptr) continue;  // missing: nothing to read
+    if (std::find(out.begin(), out.end(), resolved) == out.end()) out.emplace_back(resolved);
+  }
+  return out;
 }
 
 std::vector<ClaudeLiveFile> ClaudeReader::liveFiles() {
   std::vector<ClaudeLiveFile> out;
-  const std::string sessions = joinPath(folder_, "sessions");
   std::string text;
-  for (const std::string& name : listFolder(sessions)) {
-    if (!endsWith(name, ".json")) continue;
-    // A live file is a few hundred bytes; anything far larger is not one.
-    if (!vistrel::readFile(joinPath(sessions, name), text, 64 << 10)) continue;
-    std::optional<ClaudeLiveFile> file = parseLiveFile(text);
-    if (file && alive_(file->pid)) out.push_back(std::move(*file));
+  for (const std::string& folder : existingFolders()) {
+    const std::string sessions = joinPath(folder, "sessions");
+    for (const std::string& name : listFolder(sessions)) {
+      if (!endsWith(name, ".json")) continue;
+      // A live file is a few hundred bytes; anything far larger is not one.
+      if (!vistrel::readFile(joinPath(sessions, name), text, 64 << 10)) continue;
+      std::optional<ClaudeLiveFile> file = parseLiveFile(text);
+      if (file && alive_(file->pid)) out.push_back(std::move(*file));
+    }
   }
   return out;
 }
@@ -111,7 +120,7 @@ void ClaudeReader::readFile(const std::string& path, const struct stat& info,
     if (subagent) ++transcript.subagents;
   }
   const int64_t size = info.st_size;
-  const int64_t modified = modifiedNs(info);
+  const int64_t modified = modifiedNanoseconds(info);
   if (file.size == size && file.modifiedNs == modified) return;  // unchanged since read whole
   uint64_t from = file.tail.offset();
   if (static_cast<uint64_t>(size) < from) from = 0;
@@ -138,6 +147,22 @@ void ClaudeReader::readSubagents(const std::string& sessionFolder, ClaudeTranscr
   }
 }
 
+std::optional<std::string> ClaudeReader::parentOf(const std::string& path) {
+  if (auto known = parents_.find(path); known != parents_.end()) return known->second;
+  // The first record names the session; it is a few kilobytes at most.
+  std::string head;
+  if (!vistrel::readFile(path, head, 256 << 10)) return std::nullopt;
+  const size_t newline = head.find('\n');
+  if (newline == std::string::npos) return std::nullopt;  // not written yet: asked again later
+  std::optional<TranscriptLine> first = parser_.parse(std::string_view(head).substr(0, newline));
+  // A first record that names no session leaves the file a session of its own, as its name says.
+  std::string parent = first && first->sessionId && !first->sessionId->empty()
+                           ? std::string(*first->sessionId)
+                           : std::string(lastComponent(path));
+  if (parent.ends_with(kTranscript)) parent.resize(parent.size() - kTranscript.size());
+  return parents_.emplace(path, std::move(parent)).first->second;
+}
+
 void ClaudeReader::readProject(const std::string& path, const std::vector<std::string_view>& live) {
   Folder folder(path);
   if (!folder) return;
@@ -146,13 +171,25 @@ void ClaudeReader::readProject(const std::string& path, const std::vector<std::s
     if (!endsWith(name, kTranscript)) continue;
     struct stat info {};
     if (::fstatat(folder.fd(), entry->d_name, &info, 0) != 0 || !S_ISREG(info.st_mode)) continue;
-    const std::string_view id = name.substr(0, name.size() - kTranscript.size());
+    const std::string transcriptPath = joinPath(path, name);
+    // Older versions of Claude Code kept subagent transcripts beside the sessions' own, named
+    // "agent-<id>.jsonl": they count under the session that ran them, as the newer layout's do.
+    const bool oldSubagent = name.starts_with("agent-");
+    std::optional<std::string> parent;
+    if (oldSubagent) {
+      // Months of old files are skipped on their time alone, before their first line is read.
+      if (modifiedDate(info) < today_ && !parents_.contains(transcriptPath)) continue;
+      parent = parentOf(transcriptPath);
+      if (!parent) continue;
+    }
+    const std::string_view stem = name.substr(0, name.size() - kTranscript.size());
+    const std::string_view id = parent ? std::string_view(*parent) : stem;
     const bool running = std::find(live.begin(), live.end(), id) != live.end();
     // Months of old transcripts are skipped on their time alone, without being opened.
     if (!running && modifiedDate(info) < today_) continue;
     ClaudeTranscript& transcript = session(id);
-    const std::string transcriptPath = joinPath(path, name);
-    readFile(transcriptPath, info, transcript, false);
+    readFile(transcriptPath, info, transcript, /*subagent=*/id != stem);
+    if (oldSubagent) continue;
     // Subagent transcripts sit in a folder named by the session id, beside the transcript.
     readSubagents(transcriptPath.substr(0, transcriptPath.size() - kTranscript.size()), transcript);
   }
@@ -170,10 +207,12 @@ ClaudeRefresh ClaudeReader::refresh(const std::vector<ClaudeLiveFile>& live,
   liveIds.reserve(live.size());
   for (const ClaudeLiveFile& file : live) liveIds.push_back(file.sessionId);
 
-  const std::string projects = joinPath(folder_, "projects");
-  if (Folder folder(projects); folder) {
-    while (const dirent* entry = folder.next()) {
-      if (isFolder(folder, *entry)) readProject(joinPath(projects, entry->d_name), liveIds);
+  for (const std::string& root : existingFolders()) {
+    const std::string projects = joinPath(root, "projects");
+    if (Folder folder(projects); folder) {
+      while (const dirent* entry = folder.next()) {
+        if (isFolder(folder, *entry)) readProject(joinPath(projects, entry->d_name), liveIds);
+      }
     }
   }
 

@@ -40,15 +40,23 @@ struct ClaudeRefresh {
 
 class ClaudeReader {
  public:
-  // `folder`: Claude Code's data folder. `startOfDay`: the start of the day holding a date (tests
+  // `folders`: Claude Code's data folders, each read where it exists (one folder reached through
+  // two of these names is read once). `startOfDay`: the start of the day holding a date (tests
   // inject UTC). `processExists`: the pid probe of the live files (tests inject failures).
-  explicit ClaudeReader(std::string folder = defaultFolder(),
+  explicit ClaudeReader(std::vector<std::string> folders = defaultFolders(),
                         std::function<Date(Date)> startOfDay = localStartOfDay,
                         std::function<bool(int32_t)> alive = processExists);
+  explicit ClaudeReader(std::string folder, std::function<Date(Date)> startOfDay = localStartOfDay,
+                        std::function<bool(int32_t)> alive = processExists)
+      : ClaudeReader(std::vector<std::string>{std::move(folder)}, std::move(startOfDay),
+                     std::move(alive)) {}
 
-  // $CLAUDE_CONFIG_DIR when set (as Claude Code does), else ~/.claude.
-  static std::string defaultFolder();
+  // Where Claude Code keeps its data: $CLAUDE_CONFIG_DIR when set (Claude Code honours it), then
+  // ~/.config/claude (newer installs) and ~/.claude (older ones). A machine may hold sessions in
+  // more than one of them, so all are read.
+  static std::vector<std::string> defaultFolders();
 
+  // One of the data folders exists.
   bool installed() const;
 
   // The sessions whose process runs, from the "sessions" folder; files of exited processes and
@@ -74,8 +82,13 @@ class ClaudeReader {
     int64_t modifiedNs = 0;
   };
 
+  // The data folders that exist now, each once (by its resolved path).
+  std::vector<std::string> existingFolders() const;
   // Walks one project folder. `live`: session ids with a running process.
   void readProject(const std::string& path, const std::vector<std::string_view>& live);
+  // The session an old-layout subagent transcript ("agent-*.jsonl" beside the transcripts)
+  // belongs to: the "sessionId" of its first record. Absent while that line is not complete.
+  std::optional<std::string> parentOf(const std::string& path);
   void readSubagents(const std::string& sessionFolder, ClaudeTranscript& session);
   // Tails one file when its size or time changed since the last complete read.
   void readFile(const std::string& path, const struct stat& info, ClaudeTranscript& session,
@@ -85,14 +98,16 @@ class ClaudeReader {
                  const ClaudeLiveFile* live, const StatusRecords& status,
                  const std::vector<AgentSession>& processes) const;
 
-  std::string folder_;
+  std::vector<std::string> folders_;
   std::function<Date(Date)> startOfDay_;
   std::function<bool(int32_t)> alive_;
   Date today_{};  // start of the day of the last refresh
   // Node-based maps: a File keeps a pointer to its session, and neither moves.
   std::map<std::string, ClaudeTranscript, std::less<>> sessions_;
   std::unordered_map<std::string, File> files_;  // by path
-  MessageLedger shared_;                         // every session's responses
+  // Old-layout subagent transcripts by path: the session they belong to.
+  std::unordered_map<std::string, std::string> parents_;
+  MessageLedger shared_;  // every session's responses
   TranscriptLineParser parser_;
 };
 

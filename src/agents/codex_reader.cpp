@@ -18,9 +18,6 @@ namespace vistrel {
 
 namespace {
 
-using std::chrono::days;
-using std::chrono::hours;
-
 struct FolderCloser {
   DIR* dir;
   ~FolderCloser() {
@@ -32,13 +29,12 @@ double secondsBetween(Date from, Date to) {
   return std::chrono::duration<double>(to - from).count();
 }
 
-// "sessions/2025/01/31" for a calendar day.
-std::string dayFolder(const std::string& root, std::chrono::sys_days day) {
-  const std::chrono::year_month_day date(day);
-  char path[64];
-  std::snprintf(path, sizeof path, "sessions/%04d/%02u/%02u", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
-  return joinPath(root, path);
+constexpr std::string_view kPlain = ".jsonl";
+constexpr std::string_view kCompressed = ".jsonl.zst";
+
+bool allDigits(std::string_view name, size_t length) {
+  return name.size() == length &&
+         std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 std::string withoutTrailingSlash(std::string_view path) {
@@ -48,7 +44,11 @@ std::string withoutTrailingSlash(std::string_view path) {
 
 std::string fileStem(const std::string& path) {
   std::string_view name = lastComponent(path);
-  if (name.ends_with(".jsonl")) name.remove_suffix(6);
+  if (name.ends_with(kCompressed)) {
+    name.remove_suffix(kCompressed.size());
+  } else if (name.ends_with(kPlain)) {
+    name.remove_suffix(kPlain.size());
+  }
   return std::string(name);
 }
 
@@ -69,36 +69,64 @@ bool CodexReader::installed() const {
   return pathExists(folder_);
 }
 
-// Day folders are named by calendar date in the user's zone, which the injected start of day does
-// not name. Listing from the UTC date 14 hours ahead of now back to the UTC date 14 hours before
-// the earliest day covers that day in every zone (offsets run from -12 to +14 hours); the extra
-// folder or two costs a failed open, and what counts as today is decided by the records' times.
-std::vector<CodexReader::FoundFile> CodexReader::findRollouts(Date now, Date dayStart) const {
-  std::vector<FoundFile> found;
-  const auto newest = std::chrono::floor<days>(now + hours(14));
-  const auto oldest = std::chrono::floor<days>(dayStart - hours(14)) - days(kDaysBack);
-  const std::chrono::sys_days newestDay(newest.time_since_epoch());
-  const int64_t count = std::clamp<int64_t>((newest - oldest).count(), 0, kDaysBack + 3);
-  for (int64_t back = 0; back <= count; ++back) {
-    const std::string folder = dayFolder(folder_, newestDay - days(back));
-    FolderCloser closer{::opendir(folder.c_str())};
-    if (!closer.dir) continue;
-    const int fd = ::dirfd(closer.dir);
-    while (const dirent* entry = ::readdir(closer.dir)) {
-      std::string_view name(entry->d_name);
-      if (!name.ends_with(".jsonl")) continue;
-      struct stat st {};
-      if (::fstatat(fd, entry->d_name, &st, 0) != 0 || !S_ISREG(st.st_mode)) continue;
-      found.push_back({joinPath(folder, name), static_cast<uint64_t>(st.st_size),
-                       static_cast<int64_t>(st.st_mtime)});
-    }
+const std::vector<std::string>& CodexReader::listing(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    listings_.erase(path);
+    static const std::vector<std::string> kNone;
+    return kNone;
   }
+  const int64_t modified = static_cast<int64_t>(st.st_mtime);
+  Listing& cached = listings_[path];
+  // Times are compared in whole seconds: a folder listed within a second or so of its last change
+  // may have changed again unseen, and such a listing is not trusted.
+  const int64_t now = static_cast<int64_t>(::time(nullptr));
+  if (cached.listedAt != 0 && cached.modified == modified && cached.listedAt > modified + 1) {
+    return cached.names;
+  }
+  cached.names = listFolder(path);
+  cached.modified = modified;
+  cached.listedAt = now;
+  return cached.names;
+}
+
+std::vector<CodexReader::FoundFile> CodexReader::findRollouts() {
+  std::vector<FoundFile> found;
+  std::unordered_set<std::string> visited;
+  const std::string sessions = joinPath(folder_, "sessions");
+  for (const std::string& year : listing(sessions)) {
+    if (!allDigits(year, 4)) continue;
+    const std::string yearPath = joinPath(sessions, year);
+    for (const std::string& month : listing(yearPath)) {
+      if (!allDigits(month, 2)) continue;
+      const std::string monthPath = joinPath(yearPath, month);
+      for (const std::string& day : listing(monthPath)) {
+        if (!allDigits(day, 2)) continue;
+        const std::string dayPath = joinPath(monthPath, day);
+        visited.insert(dayPath);
+        FolderCloser closer{::opendir(dayPath.c_str())};  // for fstatat relative to it
+        if (!closer.dir) continue;
+        const int fd = ::dirfd(closer.dir);
+        for (const std::string& name : listing(dayPath)) {
+          if (!name.ends_with(kPlain) && !name.ends_with(kCompressed)) continue;
+          struct stat st {};
+          if (::fstatat(fd, name.c_str(), &st, 0) != 0 || !S_ISREG(st.st_mode)) continue;
+          found.push_back({joinPath(dayPath, name), static_cast<uint64_t>(st.st_size),
+                           static_cast<int64_t>(st.st_mtime)});
+        }
+      }
+      visited.insert(monthPath);
+    }
+    visited.insert(yearPath);
+  }
+  visited.insert(sessions);
+  std::erase_if(listings_, [&](const auto& entry) { return !visited.contains(entry.first); });
   return found;
 }
 
 void CodexReader::read(CodexRollout& rollout, const FoundFile& file, Date now) {
-  const uint64_t before = rollout.tail.offset();
-  rollout.tail.read(file.path, [&](std::string_view line) {
+  const uint64_t before = rollout.offset();
+  rollout.read(file.path, [&](std::string_view line) {
     if (std::optional<RolloutLine> record = parseRolloutLine(line, now)) rollout.apply(*record);
   });
   // One read takes at most Tail::kMaxRead bytes: a file with more pending is read again on the
@@ -115,7 +143,7 @@ CodexRefresh CodexReader::refresh(const std::vector<AgentSession>& processes, Da
   CodexRefresh out;
   try {
     const Date dayStart = startOfDay_(now);
-    const std::vector<FoundFile> found = findRollouts(now, dayStart);
+    const std::vector<FoundFile> found = findRollouts();
     // Untracked files last written before this are left unread: all their records are older
     // than today and than the pairing bound.
     const Date cutoff =
@@ -132,11 +160,16 @@ CodexRefresh CodexReader::refresh(const std::vector<AgentSession>& processes, Da
           continue;
         }
         it = rollouts_.emplace(file.path, CodexRollout(dayStart)).first;
+        it->second.compressed = file.path.ends_with(kCompressed);
       } else {
         it->second.startDay(dayStart);
         if (it->second.seen == std::make_pair(file.size, file.modified)) continue;
         // A file shorter than what was read was replaced: its counts start over.
-        if (file.size < it->second.tail.offset()) it->second = CodexRollout(dayStart);
+        if (file.size < it->second.offset()) {
+          const bool compressed = it->second.compressed;
+          it->second = CodexRollout(dayStart);
+          it->second.compressed = compressed;
+        }
       }
       read(it->second, file, now);
     }
@@ -148,7 +181,9 @@ CodexRefresh CodexReader::refresh(const std::vector<AgentSession>& processes, Da
       return entry.second.plan.has_value();
     });
     if (!anyPlan && older) {
-      read(rollouts_.emplace(older->path, CodexRollout(dayStart)).first->second, *older, now);
+      CodexRollout& rollout = rollouts_.emplace(older->path, CodexRollout(dayStart)).first->second;
+      rollout.compressed = older->path.ends_with(kCompressed);
+      read(rollout, *older, now);
     }
 
     for (const auto& [path, rollout] : rollouts_) {
@@ -195,7 +230,8 @@ std::vector<AgentCard> CodexReader::cards(const std::vector<AgentSession>& proce
     return a->started.value_or(Date{}) > b->started.value_or(Date{});
   });
 
-  // First a rollout of the process's own folder; then, where either folder is unknown, any.
+  // First a rollout of the process's own folder; then any recent one: Codex started with --cd, or
+  // as the server of an editor extension or the desktop app, writes for a folder of its own.
   std::vector<bool> paired(codex.size(), false);
   for (int pass = 0; pass < 2; ++pass) {
     for (size_t i = 0; i < codex.size(); ++i) {
@@ -204,8 +240,7 @@ std::vector<AgentCard> CodexReader::cards(const std::vector<AgentSession>& proce
       if (codex[i]->folder) folder = withoutTrailingSlash(*codex[i]->folder);
       for (Candidate& candidate : candidates) {
         if (candidate.process) continue;
-        const bool matches =
-            pass == 0 ? folder && candidate.folder == folder : !folder || !candidate.folder;
+        const bool matches = pass == 1 || (folder && candidate.folder == folder);
         if (!matches) continue;
         candidate.process = codex[i];
         paired[i] = true;

@@ -1,9 +1,10 @@
 #pragma once
 
 // Codex's sessions, today's tokens and plan limits, from the rollout files Codex writes under its
-// home folder (sessions/YYYY/MM/DD/*.jsonl, one JSON record per line). Codex records its limits
-// with every reply, so nothing needs connecting. Long-lived: each file is tailed from where the
-// last refresh stopped. Called from one queue only; never throws.
+// home folder (sessions/YYYY/MM/DD/*.jsonl, one JSON record per line, or *.jsonl.zst compressed
+// with zstd). Codex records its limits with every reply, so nothing needs connecting.
+// Long-lived: each file is tailed from where the last refresh stopped. Called from one queue
+// only; never throws.
 
 #include <cstdint>
 #include <functional>
@@ -28,11 +29,9 @@ struct CodexRefresh {
 
 class CodexReader {
  public:
-  // Day folders searched back from today's. A session still written today is found even when it
-  // began this many days ago; older folders are not listed.
-  static constexpr int kDaysBack = 7;
   // A live Codex process is paired only with a rollout written to within this many seconds, so an
-  // old rollout of the same folder is not taken for the running session.
+  // old rollout is not taken for the running session. A rollout of the process's own folder is
+  // preferred; Codex started with --cd, or serving an editor or the desktop app, runs elsewhere.
   static constexpr double kPairingSeconds = 21'600;
   // A session whose last record is younger than this is working.
   static constexpr double kWorkingSeconds = 10;
@@ -61,7 +60,13 @@ class CodexReader {
     int64_t modified = 0;  // modification time, seconds since 1970
   };
 
-  std::vector<FoundFile> findRollouts(Date now, Date dayStart) const;
+  // Every rollout file with its size and time. A resumed session appends to its original file,
+  // in the folder of the day it began, however long ago: every day folder is looked at, and what
+  // is read is decided by the files' modification times. A folder is listed again only when its
+  // own time changed (a file was added, renamed or removed); the files are only stat'ed.
+  std::vector<FoundFile> findRollouts();
+  // The names in a folder, from the cache while the folder's time is unchanged.
+  const std::vector<std::string>& listing(const std::string& path);
   void read(CodexRollout& rollout, const FoundFile& file, Date now);
   std::vector<AgentCard> cards(const std::vector<AgentSession>& processes, Date now,
                                Date dayStart) const;
@@ -69,6 +74,12 @@ class CodexReader {
   std::string folder_;
   std::function<Date(Date)> startOfDay_;
   std::map<std::string, CodexRollout> rollouts_;  // keyed by the file's path
+  struct Listing {
+    int64_t modified = 0;  // the folder's time when listed, seconds since 1970
+    int64_t listedAt = 0;  // when it was listed, seconds since 1970
+    std::vector<std::string> names;
+  };
+  std::map<std::string, Listing> listings_;  // by folder path
 };
 
 }  // namespace vistrel

@@ -44,6 +44,15 @@ void CodexRollout::apply(const RolloutLine& line) {
   if (line.time < dayStart_) beforeToday = total;
 }
 
+void CodexRollout::read(const std::string& path,
+                        const std::function<void(std::string_view)>& body) {
+  if (compressed) {
+    zstd.read(path, body);
+  } else {
+    tail.read(path, body);
+  }
+}
+
 void CodexRollout::startDay(Date dayStart) {
   if (dayStart > dayStart_ && last && *last < dayStart) beforeToday = total;
   dayStart_ = dayStart;

@@ -10,6 +10,7 @@
 #include "agents/agent_records.hpp"
 #include "agents/codex_rollout_line.hpp"
 #include "agents/tail.hpp"
+#include "agents/zstd_tail.hpp"
 #include "base/clock.hpp"
 
 namespace vistrel {
@@ -35,7 +36,15 @@ class CodexRollout {
   // figure is unknown.
   std::optional<double> contextPercent() const;
 
+  // Reads the file's new lines: plain ".jsonl", or ".jsonl.zst" (`compressed`) decompressed as a
+  // stream, the same rules applying to the decompressed lines.
+  void read(const std::string& path, const std::function<void(std::string_view)>& body);
+  // Bytes of the file consumed (compressed bytes for a compressed file).
+  uint64_t offset() const { return compressed ? zstd.offset() : tail.offset(); }
+
+  bool compressed = false;
   Tail tail;
+  ZstdTail zstd;
   // The file as it was when it was last read to its end: an unchanged file is not opened again.
   std::optional<std::pair<uint64_t, int64_t>> seen;  // size in bytes, modification time in s
 

@@ -69,7 +69,11 @@ std::optional<UsageWindow> window(JsonField field, Date recordTime) {
   if (!used) return std::nullopt;
   UsageWindow w;
   w.usedPercent = *used;
-  if (int64_t minutes = jsonInt((*o)["window_minutes"]); minutes != 0) w.windowMinutes = minutes;
+  // A length below a minute is no length; one beyond a year is cut to a year, so that no claim of a
+  // file reaches the run-out arithmetic out of range.
+  if (int64_t minutes = jsonInt((*o)["window_minutes"]); minutes >= 1) {
+    w.windowMinutes = std::min(minutes, kLongestWindowMinutes);
+  }
   std::optional<double> at = dbl((*o)["resets_at"]);
   if (at && *at >= 0 && *at <= kLatestSeconds) {
     w.resetsAt = dateFromSeconds(*at);

@@ -64,6 +64,8 @@ struct RolloutLine {
 // Windows of at most this many minutes are the short (5-hour) session window, longer ones the
 // weekly window.
 inline constexpr int64_t kLongestSessionWindowMinutes = 24 * 60;
+// A window's length as read is at most a year (longer claims are cut to it).
+inline constexpr int64_t kLongestWindowMinutes = 366 * 24 * 60;
 
 // Parses one rollout line. Absent when the line is not a JSON object, is longer than
 // kMaxRolloutLine, or lacks a string "type". Fields of the wrong type read as absent (counters as

@@ -10,9 +10,6 @@ namespace vistrel {
 
 namespace {
 
-using simdjson::ondemand::json_type;
-using simdjson::ondemand::number_type;
-
 int64_t clampToInt(double value) {
   if (std::isnan(value)) return 0;
   // 2^63 is exactly representable; anything at or past it does not fit.
@@ -22,96 +19,6 @@ int64_t clampToInt(double value) {
 }
 
 }  // namespace
-
-std::optional<Date> parseDate(JsonField field) {
-  std::optional<std::string_view> text = strView(field);
-  if (!text) return std::nullopt;
-  return parseISODate(*text);
-}
-
-int64_t jsonInt(JsonField field) {
-  simdjson::ondemand::value value;
-  if (field.get(value) != simdjson::SUCCESS) return 0;
-  json_type type;
-  if (value.type().get(type) != simdjson::SUCCESS || type != json_type::number) return 0;
-  simdjson::ondemand::number number;
-  if (value.get_number().get(number) != simdjson::SUCCESS) {
-    double approximate;  // an integer beyond 64 bits: its size is all that matters
-    if (value.get_double().get(approximate) == simdjson::SUCCESS) return clampToInt(approximate);
-    return 0;
-  }
-  switch (number.get_number_type()) {
-    case number_type::signed_integer:
-      return number.get_int64();
-    case number_type::unsigned_integer: {
-      uint64_t u = number.get_uint64();
-      return u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())
-                 ? std::numeric_limits<int64_t>::max()
-                 : static_cast<int64_t>(u);
-    }
-    default:
-      return clampToInt(number.get_double());
-  }
-}
-
-std::optional<double> dbl(JsonField field) {
-  simdjson::ondemand::value value;
-  if (field.get(value) != simdjson::SUCCESS) return std::nullopt;
-  json_type type;
-  if (value.type().get(type) != simdjson::SUCCESS || type != json_type::number) return std::nullopt;
-  double out;
-  if (value.get_double().get(out) != simdjson::SUCCESS || !std::isfinite(out)) return std::nullopt;
-  return out;
-}
-
-std::optional<std::string_view> strView(JsonField field) {
-  std::string_view out;
-  if (field.get_string().get(out) != simdjson::SUCCESS) return std::nullopt;
-  return out;
-}
-
-std::optional<std::string> str(JsonField field) {
-  std::optional<std::string_view> view = strView(field);
-  if (!view) return std::nullopt;
-  return std::string(*view);
-}
-
-std::optional<bool> boolean(JsonField field) {
-  bool out;
-  if (field.get_bool().get(out) != simdjson::SUCCESS) return std::nullopt;
-  return out;
-}
-
-std::optional<simdjson::ondemand::object> object(JsonField field) {
-  simdjson::ondemand::object out;
-  if (field.get_object().get(out) != simdjson::SUCCESS) return std::nullopt;
-  return out;
-}
-
-std::optional<simdjson::ondemand::array> array(JsonField field) {
-  simdjson::ondemand::array out;
-  if (field.get_array().get(out) != simdjson::SUCCESS) return std::nullopt;
-  return out;
-}
-
-std::optional<simdjson::ondemand::object> JsonLineParser::parse(std::string_view line) {
-  const size_t needed = line.size() + simdjson::SIMDJSON_PADDING;
-  if (buffer_.size() < needed) buffer_.resize(needed);
-  if (!line.empty()) std::memcpy(buffer_.data(), line.data(), line.size());
-  std::memset(buffer_.data() + line.size(), 0, simdjson::SIMDJSON_PADDING);
-  return parsePadded(buffer_.data(), line.size());
-}
-
-std::optional<simdjson::ondemand::object> JsonLineParser::parsePadded(const char* padded,
-                                                                      size_t length) {
-  if (parser_.iterate(padded, length, length + simdjson::SIMDJSON_PADDING).get(document_) !=
-      simdjson::SUCCESS) {
-    return std::nullopt;
-  }
-  simdjson::ondemand::object out;
-  if (document_.get_object().get(out) != simdjson::SUCCESS) return std::nullopt;
-  return out;
-}
 
 std::optional<Date> parseDate(simdjson::dom::element value) {
   std::optional<std::string_view> text = strView(value);
@@ -210,11 +117,6 @@ std::optional<simdjson::dom::object> DomLineParser::parsePadded(const char* padd
 
 void DomLineParser::trim(size_t keepBytes) {
   if (parser_.capacity() > keepBytes) parser_ = simdjson::dom::parser{};
-  if (buffer_.capacity() > keepBytes + simdjson::SIMDJSON_PADDING) std::string().swap(buffer_);
-}
-
-void JsonLineParser::trim(size_t keepBytes) {
-  if (parser_.capacity() > keepBytes) parser_ = simdjson::ondemand::parser{};
   if (buffer_.capacity() > keepBytes + simdjson::SIMDJSON_PADDING) std::string().swap(buffer_);
 }
 

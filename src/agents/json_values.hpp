@@ -1,13 +1,11 @@
 #pragma once
 
-// Field converters over simdjson's on-demand values, for the readers of the agents' own files
-// (transcripts, rollouts, live files). Outside input can hold anything: every converter takes the
-// result of a lookup as it comes (`object["key"]`, errors included) and never throws; a missing
-// field, a simdjson error or a value of the wrong type becomes an absent value (or 0 for
-// `jsonInt`).
-//
-// On-demand values are views into the parsed document: use them before the next parse, and read
-// an object's fields in any order through `object["key"]` (an unordered lookup).
+// Field converters over simdjson's DOM, for the readers of the agents' own files (transcripts,
+// rollouts, live files). The DOM parser picks the fastest kernel of the machine it runs on (the
+// on-demand API is compiled for the baseline processor only, which on x86-64 is simdjson's scalar
+// fallback). Outside input can hold anything: every converter takes a value or the result of a
+// lookup as it comes (`object["key"]`, errors included) and never throws; a missing field, an
+// error or a value of the wrong type becomes an absent value (or 0 for `jsonInt`).
 
 #include <simdjson.h>
 
@@ -20,43 +18,21 @@
 
 namespace vistrel {
 
-// The result of looking up a field or converting a value; may carry an error.
-using JsonField = simdjson::simdjson_result<simdjson::ondemand::value>;
+// The result of looking up a field; may carry an error.
+using DomField = simdjson::simdjson_result<simdjson::dom::element>;
 
 // A date from a string holding an ISO 8601 internet date-time (with or without fractional
 // seconds); anything else is absent.
-std::optional<Date> parseDate(JsonField field);
-
+std::optional<Date> parseDate(simdjson::dom::element value);
 // A number's integer value (a fraction is cut off; beyond the 64-bit range it is clamped);
 // anything else (absent, null, a string) is 0.
-int64_t jsonInt(JsonField field);
-
-// A number's value; anything else is absent.
-std::optional<double> dbl(JsonField field);
-
-// A string's text, without copying: valid until the next parse (or the next string read from the
-// same document, for on-demand values are consumed as they are read). Absent for other types.
-std::optional<std::string_view> strView(JsonField field);
-
-// A string's text, copied.
-std::optional<std::string> str(JsonField field);
-
-// A boolean; absent for other types (1 and "true" are not booleans).
-std::optional<bool> boolean(JsonField field);
-
-// An object or an array to read further; absent for other types.
-std::optional<simdjson::ondemand::object> object(JsonField field);
-std::optional<simdjson::ondemand::array> array(JsonField field);
-
-// The same converters over simdjson's DOM, whose parser picks the fastest kernel of the machine it
-// runs on (the on-demand API above is compiled for the baseline processor only, which on x86-64 is
-// simdjson's scalar fallback): the readers' hot paths use this one.
-using DomField = simdjson::simdjson_result<simdjson::dom::element>;
-std::optional<Date> parseDate(simdjson::dom::element value);
 int64_t jsonInt(simdjson::dom::element value);
+// A number's finite value; anything else is absent.
 std::optional<double> dbl(simdjson::dom::element value);
+// A string's text, without copying: valid until the next parse. Absent for other types.
 std::optional<std::string_view> strView(simdjson::dom::element value);
 std::optional<std::string> str(simdjson::dom::element value);
+// A boolean; absent for other types (1 and "true" are not booleans).
 std::optional<bool> boolean(simdjson::dom::element value);
 std::optional<Date> parseDate(DomField field);
 int64_t jsonInt(DomField field);
@@ -70,8 +46,10 @@ std::optional<bool> boolean(DomField field);
 class DomLineParser {
  public:
   std::optional<simdjson::dom::object> parse(std::string_view line);
-  // As `JsonLineParser::parsePadded`.
+  // The same over text that already sits in `padded`, of which the first `length` bytes are the
+  // document and at least `simdjson::SIMDJSON_PADDING` more are readable.
   std::optional<simdjson::dom::object> parsePadded(const char* padded, size_t length);
+  // The buffer `parse` copies into: callers that build the text themselves write here.
   std::string& buffer() { return buffer_; }
   // Gives back the memory of a parser grown for a long line (the DOM keeps about 13 bytes of
   // index and tape per byte of the longest document it has seen).
@@ -79,32 +57,6 @@ class DomLineParser {
 
  private:
   simdjson::dom::parser parser_;
-  std::string buffer_;
-};
-
-// Parses one line of outside input at a time into a reusable document, copying the text into a
-// buffer with the padding simdjson needs (reused, so there is no allocation per line). The values
-// read from the object stay valid until the next `parse`.
-class JsonLineParser {
- public:
-  // The line's top-level object; absent when the line is not one.
-  std::optional<simdjson::ondemand::object> parse(std::string_view line);
-
-  // The same over text that already sits in `padded`, of which the first `length` bytes are the
-  // document and at least `simdjson::SIMDJSON_PADDING` more are readable.
-  std::optional<simdjson::ondemand::object> parsePadded(const char* padded, size_t length);
-
-  // The buffer `parse` copies into: callers that build the text themselves (a line with its long
-  // strings left out) write here, then call `parsePadded(buffer().data(), length)`.
-  std::string& buffer() { return buffer_; }
-
-  // Gives back the memory of a parser grown for a long line (simdjson keeps several bytes of index
-  // per byte of the longest document it has seen).
-  void trim(size_t keepBytes);
-
- private:
-  simdjson::ondemand::parser parser_;
-  simdjson::ondemand::document document_;
   std::string buffer_;
 };
 

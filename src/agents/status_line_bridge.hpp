@@ -92,8 +92,8 @@ std::string summary(const StatusRecord& record);
 
 // The `--statusline` mode on one payload: stores it (with "received" = now) when it names a
 // session, then fills `output` with what the user's previous status-line command prints when fed
-// the same input, or else with the short line and a newline. Every failure falls through to the
-// short line; the result is always 0, so Claude Code never shows an error.
+// the same input when it exits 0, or else with the short line and a newline. Every failure falls
+// through to the short line; the result is always 0, so Claude Code never shows an error.
 int runStatusLine(const BridgePaths& paths, std::string_view input, std::string& output, Date now);
 
 }  // namespace StatusLineBridge

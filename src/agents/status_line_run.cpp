@@ -91,9 +91,10 @@ int runStatusLine(const BridgePaths& paths, std::string_view input, std::string&
   }
   if (auto previous = previousCommand(paths)) {
     // Run as Claude Code would run it: through the shell, fed the same bytes, in the same folder
-    // and environment.
+    // and environment. Only a command that succeeds is shown: what a failing one printed may be
+    // half a line or an error message, and the short line is better than either.
     SubprocessResult result = runSubprocess("/bin/sh", {"-c", *previous}, input);
-    if (result.started && (result.exitStatus == 0 || !result.output.empty())) {
+    if (result.started && result.exitStatus == 0) {
       output = std::move(result.output);
       return 0;
     }

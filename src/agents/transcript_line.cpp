@@ -116,6 +116,8 @@ std::optional<TranscriptLine> TranscriptLineParser::parse(std::string_view text)
       line.version = strView(field.value);
     } else if (field.key == "cwd") {
       line.cwd = strView(field.value);
+    } else if (field.key == "sessionId") {
+      line.sessionId = strView(field.value);
     }
   }
   // A record without a message object carries nothing of a prompt or a reply.

@@ -29,6 +29,7 @@ struct TranscriptLine {
   std::optional<std::string_view> gitBranch;
   std::optional<std::string_view> version;
   std::optional<std::string_view> cwd;
+  std::optional<std::string_view> sessionId;  // the session the record belongs to
   std::optional<std::string_view> messageId;  // one API response; repeated over its lines
   std::optional<std::string_view> requestId;
   std::optional<std::string_view> model;  // "<synthetic>" (no real model) is left out

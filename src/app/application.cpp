@@ -59,21 +59,34 @@ Application::Application(ApplicationOptions options, SamplerParts parts, MainLoo
     agents_->refresh(snapshot.agents, minimumGap,
                      [this](AgentsSnapshot agents) { model_->setAgents(std::move(agents)); });
   };
-  controlHost_ = std::make_unique<ModelControlHost>(*model_, history_.get(), [this] {
-    std::vector<AgentSession> sessions;
-    {
-      std::lock_guard lock(sessionsLock_);
-      sessions = latestSessions_;
-    }
-    return agents_->readNow(sessions);
-  });
+  controlHost_ = std::make_unique<ModelControlHost>(
+      *model_, history_.get(),
+      [this] {
+        std::vector<AgentSession> sessions;
+        {
+          std::lock_guard lock(sessionsLock_);
+          sessions = latestSessions_;
+        }
+        return agents_->readNow(sessions);
+      },
+      [sampler = std::weak_ptr<Sampler>(sampler_)]() -> std::optional<Snapshot> {
+        if (auto s = sampler.lock()) return s->sampleNow();
+        return std::nullopt;
+      });
   control_ = std::make_unique<Control>(*controlHost_, clock);
-  controlServer_ = std::make_unique<ControlServer>(main_, *control_, folder + "/control.sock");
+  // The socket is where `--mcp` looks whatever its environment (ControlSocket::path), not in a
+  // support folder moved by XDG_DATA_HOME; a test's own folder keeps it there.
+  controlServer_ = std::make_unique<ControlServer>(
+      main_, *control_,
+      options_.supportFolder.empty() ? ControlSocket::path() : folder + "/control.sock");
 }
 
 Application::~Application() {
   controlServer_->stop();
-  // Stop ticking before the model goes; queued hand-offs find the sampler gone and do nothing.
+  // Stop ticking before the model and the main queue go: a tick under way when a termination
+  // signal arrived is waited for, so nothing is posted to a main queue that no longer exists.
+  // Hand-offs already queued find no consumer and do nothing.
+  sampler_->stop();
   sampler_->setOnSnapshot(nullptr);
   sampler_.reset();
 }
@@ -111,6 +124,7 @@ void Application::requestQuit() {
 
 void Application::sampled() {
   ++received_;
+  controlHost_->snapshotArrived();
   if (model_->latest()) {
     std::lock_guard lock(sessionsLock_);
     latestSessions_ = model_->latest()->agents;

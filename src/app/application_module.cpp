@@ -166,10 +166,12 @@ int runApplicationModule(LaunchKind kind) {
   }
   const char* windowModule = VISTREL_WINDOW_MODULE;
   std::optional<std::string> noWindow;
+  // VISTREL_HEADLESS (any value but empty or 0): the service unit runs the monitor without a window
+  // even where a session has a display.
   if (*windowModule == '\0') {
     noWindow = "this build has no window";
   } else if (headlessForced(std::getenv("VISTREL_HEADLESS"))) {
-    noWindow = "VISTREL_HEADLESS is set: running without a window";
+    noWindow = "VISTREL_HEADLESS is set (no window wanted)";
   } else if (!kAlwaysDisplay) {
     noWindow =
         linuxDisplayProblem([](const char* name) { return std::getenv(name); },

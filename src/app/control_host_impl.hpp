@@ -4,6 +4,7 @@
 // the agents monitor. The request side sees only ControlHost; this is the one place that knows the
 // model behind it.
 
+#include <atomic>
 #include <functional>
 #include <optional>
 #include <vector>
@@ -19,8 +20,13 @@ class ModelControlHost final : public ControlHost {
  public:
   // `history` may be null (the application runs without history); `agentsNow` reads both agents
   // now (on the calling thread) and may be empty, in which case nothing is known of the agents.
-  // The model and the store must outlive the host.
-  ModelControlHost(Model& model, HistoryStore* history, std::function<AgentsSnapshot()> agentsNow);
+  // `sampleNow` takes a Snapshot on demand (the sampler's `sampleNow`; may be empty). The model and
+  // the store must outlive the host.
+  ModelControlHost(Model& model, HistoryStore* history, std::function<AgentsSnapshot()> agentsNow,
+                   std::function<std::optional<Snapshot>()> sampleNow = {});
+
+  // Main thread: a Snapshot has reached the model; on-demand samples are no longer taken.
+  void snapshotArrived() { warm_.store(true, std::memory_order_release); }
 
   // Main thread only.
   const std::optional<Snapshot>& latestSnapshot() override { return model_.latest(); }
@@ -32,11 +38,14 @@ class ModelControlHost final : public ControlHost {
   // Any thread.
   HistoryStore* history() override { return history_; }
   AgentsSnapshot agentsNow() override;
+  std::optional<Snapshot> coldSnapshot() override;
 
  private:
   Model& model_;
   HistoryStore* history_;
   std::function<AgentsSnapshot()> agentsNow_;
+  std::function<std::optional<Snapshot>()> sampleNow_;
+  std::atomic<bool> warm_{false};
 };
 
 }  // namespace vistrel

@@ -10,6 +10,11 @@
 
 namespace vistrel {
 
+Date modifiedDate(const struct stat& info) {
+  return Date(std::chrono::duration_cast<Date::duration>(
+      std::chrono::nanoseconds(modifiedNanoseconds(info))));
+}
+
 bool readFile(const std::string& path, std::string& out, size_t maxBytes) {
   out.clear();
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);

@@ -1,10 +1,15 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "base/clock.hpp"
+
+struct stat;
 
 namespace vistrel {
 
@@ -36,6 +41,13 @@ std::string joinPath(std::string_view a, std::string_view b);
 
 // The last component of a path ("/Volumes/Data" -> "Data", "/" -> "").
 std::string_view lastComponent(std::string_view path);
+
+// A file's last modification from its stat record, in nanoseconds since 1970 (UTC). The field is
+// spelled st_mtim on Linux and st_mtimespec on macOS; one definition per platform.
+int64_t modifiedNanoseconds(const struct stat& info);
+
+// The same as a date.
+Date modifiedDate(const struct stat& info);
 
 // Creates a folder and its parents (mode 0700 for new ones). True when it exists afterwards.
 bool makeFolders(const std::string& path);

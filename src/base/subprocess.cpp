@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
+#include <string_view>
+
+#include "base/spawn_platform.hpp"
 
 namespace vistrel {
 
@@ -38,11 +40,32 @@ bool makePipe(Fd& readEnd, Fd& writeEnd) {
   return true;
 }
 
+// "NAME" of "NAME=value".
+std::string_view variableName(std::string_view entry) {
+  return entry.substr(0, entry.find('='));
+}
+
+// This process's environment with `extra` added, each replacing a variable of the same name. The
+// pointers refer into `extra` and into this process's environment.
+std::vector<char*> mergedEnvironment(const std::vector<std::string>& extra) {
+  std::vector<char*> merged;
+  for (char** e = processEnvironment(); e != nullptr && *e != nullptr; ++e) {
+    bool replaced = false;
+    for (const std::string& entry : extra)
+      replaced = replaced || variableName(entry) == variableName(*e);
+    if (!replaced) merged.push_back(*e);
+  }
+  for (const std::string& entry : extra) merged.push_back(const_cast<char*>(entry.c_str()));
+  merged.push_back(nullptr);
+  return merged;
+}
+
 }  // namespace
 
 SubprocessResult runSubprocess(const std::string& program,
                                const std::vector<std::string>& arguments,
-                               std::optional<std::string_view> input, size_t maxOutput) {
+                               std::optional<std::string_view> input, size_t maxOutput,
+                               const std::vector<std::string>& environment) {
   // A child that exits before reading all its input must not kill us with SIGPIPE; the monitor
   // ignores the signal process-wide (it also writes to sockets whose peers may vanish).
   static const bool sigpipeIgnored = [] {
@@ -57,6 +80,8 @@ SubprocessResult runSubprocess(const std::string& program,
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
   if (input) {
     posix_spawn_file_actions_adddup2(&actions, inRead.fd, STDIN_FILENO);
   } else {
@@ -64,16 +89,24 @@ SubprocessResult runSubprocess(const std::string& program,
   }
   posix_spawn_file_actions_adddup2(&actions, outWrite.fd, STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  const bool isolated = inheritOnlyStandardStreams(attributes, actions);
 
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>(program.c_str()));
   for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
 
+  std::vector<char*> envp = mergedEnvironment(environment);
+
   pid_t pid = -1;
-  int rc = program.find('/') == std::string::npos
-               ? ::posix_spawnp(&pid, program.c_str(), &actions, nullptr, argv.data(), environ)
-               : ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+  int rc = -1;
+  if (isolated) {
+    rc =
+        program.find('/') == std::string::npos
+            ? ::posix_spawnp(&pid, program.c_str(), &actions, &attributes, argv.data(), envp.data())
+            : ::posix_spawn(&pid, program.c_str(), &actions, &attributes, argv.data(), envp.data());
+  }
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   outWrite.reset();
   inRead.reset();

@@ -17,10 +17,13 @@ struct SubprocessResult {
 // argv[0]), writes `input` to its standard input when given (closed after; no stdin at all
 // otherwise), reads its standard output to the end, discards its standard error, and waits for it.
 // A program that cannot start gives an empty result (`started` false, empty output). Output beyond
-// `maxOutput` bytes is read and dropped so that the child never blocks on a full pipe.
+// `maxOutput` bytes is read and dropped so that the child never blocks on a full pipe. The child
+// has this process's environment with `environment` ("NAME=value") added or replacing a variable
+// of the same name, and inherits no descriptor but its three standard streams.
 SubprocessResult runSubprocess(const std::string& program,
                                const std::vector<std::string>& arguments,
                                std::optional<std::string_view> input = std::nullopt,
-                               size_t maxOutput = 64 << 20);
+                               size_t maxOutput = 64 << 20,
+                               const std::vector<std::string>& environment = {});
 
 }  // namespace vistrel

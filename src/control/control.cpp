@@ -167,6 +167,11 @@ bool answeredOffMain(const std::string& tool) {
   return tool == "history" || tool == "agents";
 }
 
+// The tools that only read a Snapshot; they can be answered from one taken on demand.
+bool readsSnapshotOnly(const std::string& tool) {
+  return tool == "status" || tool == "list_apps" || tool == "get_app";
+}
+
 }  // namespace
 
 Control::Control(ControlHost& host, const Clock& clock, bool forLinux)
@@ -177,6 +182,21 @@ double Control::round1(double x) {
 }
 
 std::optional<std::string> Control::answerOffMain(const std::string& tool, const json& args) {
+  if (readsSnapshotOnly(tool)) {
+    // The first call after a cold start: answered from a sample taken now rather than with
+    // "no sample yet" or an empty list.
+    std::optional<Snapshot> cold;
+    try {
+      cold = host_.coldSnapshot();
+    } catch (...) {  // a sampler that failed: the main thread answers as it can
+    }
+    if (!cold) return std::nullopt;
+    return respond([&]() -> OJson {
+      if (tool == "status") return status(cold);
+      const json& a = argsObject(args);
+      return tool == "list_apps" ? listApps(cold, a) : getApp(cold, a);
+    });
+  }
   if (!answeredOffMain(tool)) return std::nullopt;
   return respond([&]() -> OJson {
     const json& a = argsObject(args);
@@ -188,11 +208,12 @@ std::string Control::answerOnMain(const std::string& tool, const json& args) {
   if (answeredOffMain(tool)) return *answerOffMain(tool, args);
   return respond([&]() -> OJson {
     using Tool = OJson (Control::*)(const json&);
-    static const std::pair<const char*, Tool> kTools[] = {{"list_apps", &Control::listApps},
-                                                          {"get_app", &Control::getApp},
-                                                          {"alerts", &Control::alerts},
+    static const std::pair<const char*, Tool> kTools[] = {{"alerts", &Control::alerts},
                                                           {"quit_app", &Control::quitApp}};
-    if (tool == "status") return status();  // takes no arguments
+    const std::optional<Snapshot>& latest = host_.latestSnapshot();
+    if (tool == "status") return status(latest);  // takes no arguments
+    if (tool == "list_apps") return listApps(latest, argsObject(args));
+    if (tool == "get_app") return getApp(latest, argsObject(args));
     for (const auto& [name, run] : kTools) {
       if (tool == name) return (this->*run)(argsObject(args));
     }
@@ -200,40 +221,38 @@ std::string Control::answerOnMain(const std::string& tool, const json& args) {
   });
 }
 
-OJson Control::status() {
-  const auto& latest = host_.latestSnapshot();
+OJson Control::status(const std::optional<Snapshot>& latest) {
   if (!latest) throw Failure{kNoSample};
   return control::statusObject(*latest, forLinux_, kBusiestApps);
 }
 
-OJson Control::listApps(const json& args) {
+OJson Control::listApps(const std::optional<Snapshot>& latest, const json& args) {
   const std::string sort = textArg(args, "sort", kBadSort).value_or("impact");
   const auto key = sortKey(sort);
   if (!key) throw Failure{kBadSort};
   const int64_t limit = countArg(args, "limit", kAppsDefault, kAppsMost);
   OJson out = OJson::array();
-  const auto& latest = host_.latestSnapshot();
-  if (!latest) return out;  // before the first sample nothing is known to run
+  if (!latest) return out;  // no sample to be had: nothing is known to run
   std::vector<const AppUsage*> apps;
   for (const AppUsage& app : latest->apps) apps.push_back(&app);
   std::stable_sort(apps.begin(), apps.end(),
                    [&](const AppUsage* a, const AppUsage* b) { return (*key)(*a) > (*key)(*b); });
   for (size_t i = 0; i < apps.size() && static_cast<int64_t>(i) < limit; ++i) {
-    out.push_back(control::appObject(*apps[i]));
+    out.push_back(control::appObject(*apps[i], latest->power.apps.has_value()));
   }
   return out;
 }
 
-OJson Control::getApp(const json& args) {
-  const auto& latest = host_.latestSnapshot();
+OJson Control::getApp(const std::optional<Snapshot>& latest, const json& args) {
   const AppUsage& app = findApp(latest, nameArg(args));
-  OJson out = control::appObject(app);
+  const bool energyKnown = latest->power.apps.has_value();
+  OJson out = control::appObject(app, energyKnown);
   OJson processes = OJson::array();
   for (int32_t pid : app.pids) {
     // A pid the snapshot's process table no longer lists has exited: left out.
     for (const ProcessSample& p : latest->processes) {
       if (p.pid == pid) {
-        processes.push_back(control::processObject(p));
+        processes.push_back(control::processObject(p, energyKnown));
         break;
       }
     }

@@ -37,7 +37,9 @@ class Control final : public ControlHandler {
   explicit Control(ControlHost& host, const Clock& clock = Clock::system(),
                    bool forLinux = runningOnLinux());
 
-  // history and agents (they read the database and the agents' files); nullopt for the others.
+  // history and agents (they read the database and the agents' files); status, list_apps and
+  // get_app too while the application has no Snapshot yet, from one taken on demand
+  // (ControlHost::coldSnapshot); nullopt for the others.
   std::optional<std::string> answerOffMain(const std::string& tool,
                                            const nlohmann::json& args) override;
   // Every tool (history and agents too, should they arrive here); unknown tools are answered with
@@ -73,9 +75,11 @@ class Control final : public ControlHandler {
       ". Nothing has quit yet; it quits only if they confirm.";
 
  private:
-  nlohmann::ordered_json status();
-  nlohmann::ordered_json listApps(const nlohmann::json& args);
-  nlohmann::ordered_json getApp(const nlohmann::json& args);
+  // The tools that read a Snapshot: the application's newest, or one taken on demand.
+  nlohmann::ordered_json status(const std::optional<Snapshot>& latest);
+  nlohmann::ordered_json listApps(const std::optional<Snapshot>& latest,
+                                  const nlohmann::json& args);
+  nlohmann::ordered_json getApp(const std::optional<Snapshot>& latest, const nlohmann::json& args);
   nlohmann::ordered_json history(const nlohmann::json& args);
   nlohmann::ordered_json agents();
   nlohmann::ordered_json alerts(const nlohmann::json& args);

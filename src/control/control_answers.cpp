@@ -81,12 +81,12 @@ std::string usePhrase(const AppUsage& app) {
 
 }  // namespace
 
-OJson appObject(const AppUsage& app) {
+OJson appObject(const AppUsage& app, bool energyKnown) {
   OJson o;
   o["name"] = app.name;
   o["cpu_percent_of_one_core"] = round1(app.cpu);
   o["memory_bytes"] = Fmt::mem(app.memory);
-  o["energy_watts"] = round1(app.energy);
+  if (energyKnown) o["energy_watts"] = round1(app.energy);
   o["disk_read_per_s"] = Fmt::rate(app.diskRead);
   o["disk_write_per_s"] = Fmt::rate(app.diskWrite);
   o["network_per_s"] = Fmt::rate(app.netIn + app.netOut);
@@ -97,13 +97,13 @@ OJson appObject(const AppUsage& app) {
   return o;
 }
 
-OJson processObject(const ProcessSample& process) {
+OJson processObject(const ProcessSample& process, bool energyKnown) {
   OJson o;
   o["pid"] = process.pid;
   o["name"] = process.name;
   o["cpu_percent_of_one_core"] = round1(process.cpu);
   o["memory_bytes"] = Fmt::mem(process.memory);
-  o["energy_watts"] = round1(process.energy);
+  if (energyKnown) o["energy_watts"] = round1(process.energy);
   return o;
 }
 
@@ -167,7 +167,8 @@ OJson statusObject(const Snapshot& s, bool forLinux, size_t busiest) {
   o["fans_rpm"] = std::move(fans);
   o["power_watts"] = optionalRound1(s.power.system);
   OJson apps = OJson::array();
-  for (size_t i = 0; i < s.apps.size() && i < busiest; ++i) apps.push_back(appObject(s.apps[i]));
+  for (size_t i = 0; i < s.apps.size() && i < busiest; ++i)
+    apps.push_back(appObject(s.apps[i], s.power.apps.has_value()));
   o["busiest_apps"] = std::move(apps);
   return o;
 }

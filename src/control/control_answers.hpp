@@ -31,10 +31,11 @@ double round1(double x);
 
 // The per-app object: name, CPU (percent of one core), memory (Fmt.mem), energy (watts), disk and
 // network rates (Fmt.rate), GPU percent, process count, what it uses most, and whether it belongs
-// to the operating system.
-OJson appObject(const AppUsage& app);
+// to the operating system. Without `energyKnown` (the machine gives no per-process energy) the
+// energy is left out rather than written as 0.
+OJson appObject(const AppUsage& app, bool energyKnown = true);
 // One process of `get_app`: pid, name, CPU, memory and energy, in the per-app object's units.
-OJson processObject(const ProcessSample& process);
+OJson processObject(const ProcessSample& process, bool energyKnown = true);
 
 // One plain sentence an agent can quote: the machine's mood and the app weighing most, e.g.
 // "Your Mac is busy: Xcode is using 180% CPU." or "Your Mac is calm; the busiest app is Safari, at

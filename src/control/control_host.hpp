@@ -33,6 +33,10 @@ class ControlHost {
   virtual HistoryStore* history() = 0;
   // Both agents read now (waits for the agents monitor's queue).
   virtual AgentsSnapshot agentsNow() = 0;
+  // While no Snapshot has reached the application yet (the socket opens before the first tick is
+  // handed over, and `--mcp` starts the application for the very call it is answering): one read
+  // now, on demand (waits for the sampler's queue). Absent once a Snapshot has arrived.
+  virtual std::optional<Snapshot> coldSnapshot() = 0;
 };
 
 }  // namespace vistrel

@@ -224,7 +224,7 @@ bool gather(const Shared& s, Pending& p, char* buffer) {
 bool acceptSome(const Shared& s, int listener, std::vector<Pending>& pending, Clock::time_point now,
                 Clock::time_point& pausedUntil) {
   for (int round = 0; round < kAcceptsPerRound; ++round) {
-    OwnedFd fd(acceptUnixConnection(listener));
+    OwnedFd fd(s->limits.accept(listener));
     if (!fd) {
       int error = errno;
       if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {

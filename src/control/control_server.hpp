@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -13,6 +14,7 @@
 #include "control/control_handler.hpp"
 #include "control/control_request.hpp"
 #include "control/control_socket.hpp"
+#include "control/socket_platform.hpp"
 
 namespace vistrel {
 
@@ -31,6 +33,8 @@ struct ControlServerLimits {
   size_t maxConnections = 256;
   // A request line longer than this is answered "Bad request" and its connection closed.
   size_t maxRequestBytes = 1u << 20;
+  // How a connection is taken from the listener (`acceptUnixConnection`); tests inject failures.
+  std::function<int(int listener)> accept = acceptUnixConnection;
 };
 
 // Serves the control socket: one request line and one answer line per connection.

@@ -32,7 +32,13 @@ void OwnedFd::reset(int fd) {
 }
 
 std::string ControlSocket::path() {
-  return joinPath(supportFolder(), "control.sock");
+  std::string path = joinPath(defaultSupportFolder(), "control.sock");
+  if (path.size() <= kMaxPathBytes) return path;
+  return fallbackPath(::getuid());
+}
+
+std::string ControlSocket::fallbackPath(uid_t uid) {
+  return "/tmp/vistrel-" + std::to_string(uid) + "/control.sock";
 }
 
 std::string ControlSocket::boundPath(std::string_view path) {

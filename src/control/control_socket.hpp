@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/types.h>
 #include <sys/un.h>
 
 #include <cstddef>
@@ -45,8 +46,17 @@ class ControlSocket {
   // plus 104 path bytes, which is sizeof(sockaddr_un) on macOS (106) and within it on Linux (110).
   static constexpr socklen_t kAddressLength = 106;
 
-  // The support folder followed by "/control.sock".
+  // Where the application listens and `--mcp` connects: "control.sock" in the support folder as
+  // it is without XDG variables (`defaultSupportFolder`: ~/.local/share/Vistrel on Linux,
+  // ~/Library/Application Support/Vistrel on macOS), so that an application started with
+  // XDG_DATA_HOME set and an `--mcp` started by a client that passes only HOME and PATH meet.
+  // The home folder is $HOME, else the account's entry. A path longer than kMaxPathBytes (a very
+  // deep home folder) would not fit the address: `fallbackPath` is used instead.
   static std::string path();
+
+  // "/tmp/vistrel-<uid>/control.sock": the user's own folder in the system's temporary folder.
+  // The server creates it 0700 and refuses it when it is anyone else's or writable by others.
+  static std::string fallbackPath(uid_t uid);
 
   // The file the address names: the first kMaxPathBytes bytes of `path`. The server binds,
   // changes the mode of and removes this file; a client cutting the same way reaches it.

@@ -12,8 +12,8 @@ namespace {
 
 using nlohmann::ordered_json;
 
-// JSON-RPC 2.0 error codes.
-constexpr int kParseError = -32700;
+// JSON-RPC 2.0 error codes. A line that is not a JSON object is skipped, never answered: it has no
+// id to answer with, and an answer with a null id is one that clients cannot pair with anything.
 constexpr int kInvalidRequest = -32600;
 constexpr int kMethodNotFound = -32601;
 constexpr int kInvalidParams = -32602;
@@ -65,11 +65,10 @@ std::optional<std::string> MCP::handleLine(std::string_view rawLine) {
   try {
     const std::string_view line = trimmed(rawLine);
     if (line.empty()) return std::nullopt;
-    if (line.size() > kMaxLineBytes) return errorReply(nullptr, kParseError, "Parse error");
+    if (line.size() > kMaxLineBytes) return std::nullopt;
     ordered_json message = parseBounded(line, kMaxNesting);
-    if (message.is_discarded()) return errorReply(nullptr, kParseError, "Parse error");
     // Batches were dropped from the protocol; an array, like any non-object, is no request.
-    if (!message.is_object()) return errorReply(nullptr, kInvalidRequest, "Invalid Request");
+    if (!message.is_object()) return std::nullopt;
 
     // A message without an "id" member is a notification and is never answered, whatever it
     // holds; "id": null is present, so it is answered.
@@ -115,9 +114,9 @@ std::optional<std::string> MCP::handleLine(std::string_view rawLine) {
     }
     return errorReply(id, kMethodNotFound, "Method not found: " + method);
   } catch (...) {
-    // Nothing above is expected to throw; if it does (allocation), the line is answered as one
-    // that could not be handled rather than ending the server.
-    return errorReply(nullptr, kParseError, "Parse error");
+    // Nothing above is expected to throw; if it does (allocation), the line is dropped rather
+    // than ending the server.
+    return std::nullopt;
   }
 }
 

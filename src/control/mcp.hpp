@@ -57,7 +57,7 @@ class MCP {
   // After launching the application: this many further attempts, this far apart (15 s in all).
   static constexpr int kLaunchAttempts = 60;
   static constexpr std::chrono::milliseconds kLaunchRetryInterval{250};
-  // A longer input line is answered with a parse error and never parsed (tool arguments are a few
+  // A longer input line is skipped unparsed (tool arguments are a few
   // hundred bytes; the control socket refuses requests over 1 MiB anyway).
   static constexpr size_t kMaxLineBytes = 1 << 20;
   // Deeper arrays and objects are refused before parsing, so that no recursive walk of a parsed
@@ -74,8 +74,8 @@ class MCP {
   explicit MCP(McpEnvironment environment);
 
   // One input line (without its newline) in, the answer line (compact JSON, without a newline)
-  // out; nullopt when nothing is to be answered (a notification, a blank line, a client's own
-  // response). Never throws.
+  // out; nullopt when nothing is to be answered (a notification, a line that is not a JSON object,
+  // a client's own response). Never throws.
   std::optional<std::string> handleLine(std::string_view line);
 
   // One control request for a tool call, launching the application when it is not listening.

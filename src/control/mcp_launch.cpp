@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <string_view>
 
-extern char** environ;
+#include "base/spawn_platform.hpp"
 
 namespace vistrel {
 
@@ -51,7 +51,7 @@ std::string_view variableName(std::string_view entry) {
 bool startDetached(const std::string& program, const std::vector<std::string>& arguments,
                    const std::vector<std::string>& extraEnvironment) {
   std::vector<std::string> env;
-  for (char** e = environ; e && *e; ++e) {
+  for (char** e = processEnvironment(); e && *e; ++e) {
     std::string_view entry(*e);
     bool replaced = false;
     for (const auto& extra : extraEnvironment) {

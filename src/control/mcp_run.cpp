@@ -58,8 +58,8 @@ bool writeMessage(const std::string& message) {
 }
 
 // Splits standard input into lines for `handle`. A line longer than MCP::kMaxLineBytes is not
-// kept: its first bytes are handed on (so it is answered with a parse error) and the rest up to
-// its newline is read and dropped, so that memory stays bounded whatever the client sends.
+// kept: its first bytes are handed on (too long to be a request, so it is skipped) and the rest
+// up to its newline is read and dropped, so that memory stays bounded whatever the client sends.
 template <typename Handle>
 void forEachInputLine(Handle&& handle) {
   std::string line;

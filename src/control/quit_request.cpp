@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "alerts/alert_event.hpp"
+#include "processes/app_bundles.hpp"
 
 namespace vistrel {
 
@@ -53,9 +54,10 @@ QuitContext QuitContext::current() {
 bool isMacOSBundle(const std::optional<std::string>& path,
                    const std::function<bool(const std::string&)>& pathExists) {
   if (!path) return false;
-  const std::string& p = *path;
+  // Safari's cryptex reads as /System/Applications/, the system's cryptex as /System/.
+  const std::string_view p = withoutCryptexPrefix(*path);
   if (!p.starts_with("/System/") || p.starts_with("/System/Applications/")) return false;
-  return pathExists && pathExists(p);
+  return pathExists && pathExists(*path);
 }
 
 QuitRefusal quitRefusal(const AppUsage& app, const std::vector<ProcessSample>& processes,
@@ -140,9 +142,17 @@ QuitOutcome performQuit(const QuitRequest& request, bool force, const Snapshot& 
                                [pid](const ProcessSample& p) { return p.pid == pid; });
     if (present) running.push_back(pid);
   }
-  if (!running.empty()) outcome.applications = apps.quit(running, force);
+  std::vector<int32_t> signalled;
+  if (app.bundlePath) {
+    if (!running.empty()) outcome.applications = apps.quit(running, force);
+  } else {
+    // No application to ask (a script, a server, a command-line tool grouped by its name): its
+    // processes are signalled as an application's helpers are.
+    for (int32_t pid : running) sendTo(pid);
+    signalled = running;
+  }
   for (const ProcessSample& p : latest.processes) {
-    if (contains(running, p.ppid)) sendTo(p.pid);
+    if (contains(running, p.ppid) && !contains(signalled, p.pid)) sendTo(p.pid);
   }
   return outcome;
 }

@@ -70,7 +70,8 @@ struct QuitContext {
 
 // True when `path` exists, begins with "/System/" and does not begin with "/System/Applications/":
 // the operating system's own bundles (the apps under /System/Applications are ordinary apps the
-// person may quit).
+// person may quit). A cryptex path is judged as the folder it stands for (`withoutCryptexPrefix`),
+// so Safari, run from its cryptex since macOS 13, is an ordinary app.
 bool isMacOSBundle(const std::optional<std::string>& path,
                    const std::function<bool(const std::string&)>& pathExists);
 
@@ -138,7 +139,9 @@ std::vector<int32_t> agentTree(const Snapshot& latest, const std::string& name,
 
 // Carries out a request the person has confirmed, against the newest snapshot:
 // - App: the app's processes still in the snapshot go to `apps.quit`; every process whose parent
-//   is one of them receives SIGTERM (SIGKILL when `force`).
+//   is one of them receives SIGTERM (SIGKILL when `force`). An app without a bundle path (a
+//   script, a server, a command-line tool) has no application to ask: its processes receive the
+//   signal themselves, and their children too, each once.
 // - Session: every process of `agentTree` receives SIGTERM (SIGKILL when `force`).
 // A target that has already exited is simply not found. This application's own pid is never
 // signalled. Only the model calls this, for the request the person confirmed.

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 
 namespace vistrel {
@@ -15,8 +17,19 @@ namespace vistrel {
 int openUnixStreamSocket();
 
 // `accept` on a listening socket, without the peer's address: the connection (blocking, whatever
-// the listener is), or -1 with errno as `accept` set it.
+// the listener is), or -1 with errno as `accept` set it. A connection accepted but then impossible
+// to set up is reported as ECONNABORTED (see `dropAcceptedConnection`).
 int acceptUnixConnection(int listener);
+
+// For a connection that was accepted but could not be set up: closes it and reports what an
+// aborted connection reports (-1, errno ECONNABORTED), so that the accept loop drops this one
+// client and goes on listening. On macOS setting SO_NOSIGPIPE fails with EINVAL when the client
+// has already closed its end; that EINVAL must never read as a failure of the listener.
+inline int dropAcceptedConnection(int fd) {
+  if (fd >= 0) ::close(fd);
+  errno = ECONNABORTED;
+  return -1;
+}
 
 // `send` that never raises SIGPIPE. `dontWait` makes this one call non-blocking. Returns what
 // `send` returns.

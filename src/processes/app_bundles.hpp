@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace vistrel {
 
@@ -23,7 +24,18 @@ class AppBundles {
 std::unique_ptr<AppBundles> makeAppBundles();
 
 // macOS: the outermost .app bundle containing `path` ("/Applications/A.app/Contents/B.app/x" gives
-// "/Applications/A.app"); under /System/Library/ only CoreServices bundles count.
+// "/Applications/A.app"); under /System/Library/ only CoreServices bundles count, and a bundle
+// inside a .framework is none. The path is returned as it is (cryptex paths included).
 std::optional<std::string> outermostApp(const std::string& path);
+
+// An app's name without a trailing ".app" ("Safari.app" -> "Safari"), the way the Finder shows
+// it with extensions hidden; ".app" elsewhere in the name stays ("My.apps", "Web.app Helper").
+std::string withoutAppSuffix(std::string name);
+
+// macOS: the path a system cryptex's path stands for, for the rules that look at where a bundle
+// lives: ".../Preboot/Cryptexes/App/System/Applications/Safari.app" (Safari since macOS 13) reads
+// as "/System/Applications/Safari.app", ".../Cryptexes/OS/System/Library/x" as
+// "/System/Library/x". Any other path is returned unchanged. A view into `path`.
+std::string_view withoutCryptexPrefix(std::string_view path);
 
 }  // namespace vistrel

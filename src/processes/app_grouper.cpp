@@ -91,11 +91,36 @@ struct AppGrouper::Call {
   ProcessQueries& queries;
   const AgentRoots& agentRoots;
   std::unordered_map<int32_t, const ProcessSample*> byPid;
-  std::unordered_map<int32_t, Keyed> memo;  // the first answer for each pid
+  std::unordered_map<int32_t, Keyed> memo;      // the first answer for each pid
+  std::unordered_map<int32_t, bool> fromShell;  // startedFromShellInApp, per pid
 };
 
-AppGrouper::AppGrouper(AppBundles& bundles, SystemAccounts accounts)
-    : bundles_(bundles), accounts_(accounts) {}
+AppGrouper::AppGrouper(AppBundles& bundles, SystemAccounts accounts, bool appScopes)
+    : bundles_(bundles), accounts_(accounts), appScopes_(appScopes) {}
+
+const std::optional<std::string>& AppGrouper::appOf(const ProcessSample& sample, Call& call) {
+  static const std::optional<std::string> kNone;
+  if (!appScopes_ || !sample.appPath) return sample.appPath;
+  return startedFromShellInApp(sample, 0, call) ? kNone : sample.appPath;
+}
+
+// Some ancestor inside the same app, up to the app's own processes, is a shell. The shell itself
+// stays with the app (a terminal's tab is the terminal's), and so do the app's helpers.
+bool AppGrouper::startedFromShellInApp(const ProcessSample& sample, int depth, Call& call) {
+  if (auto it = call.fromShell.find(sample.pid); it != call.fromShell.end()) return it->second;
+  bool result = false;
+  if (depth < kMaxDepth && sample.ppid > 1) {
+    if (auto it = call.byPid.find(sample.ppid); it != call.byPid.end()) {
+      const ProcessSample& parent = *it->second;
+      if (parent.appPath == sample.appPath) {
+        result =
+            ScriptLabel::isShell(parent.name) || startedFromShellInApp(parent, depth + 1, call);
+      }
+    }
+  }
+  call.fromShell.emplace(sample.pid, result);
+  return result;
+}
 
 const AppGrouper::Keyed& AppGrouper::keyFor(const ProcessSample& sample, int depth, Call& call) {
   if (auto it = call.memo.find(sample.pid); it != call.memo.end()) return it->second;
@@ -106,7 +131,7 @@ const AppGrouper::Keyed& AppGrouper::keyFor(const ProcessSample& sample, int dep
 
 AppGrouper::Keyed AppGrouper::computeKey(const ProcessSample& sample, int depth, Call& call) {
   // 1. A process inside an app belongs to it.
-  if (sample.appPath) return {*sample.appPath, appName(*sample.appPath), sample.appPath};
+  if (const auto& app = appOf(sample, call)) return {*app, appName(*app), app};
 
   // 2. A coding agent's root process heads its own group.
   if (auto agent = call.agentRoots.find(sample.pid); agent != call.agentRoots.end()) {
@@ -121,8 +146,9 @@ AppGrouper::Keyed AppGrouper::computeKey(const ProcessSample& sample, int depth,
     if (auto it = call.byPid.find(sample.ppid); it != call.byPid.end()) {
       const ProcessSample& parent = *it->second;
       const bool parentIsAgent = call.agentRoots.count(parent.pid) > 0;
-      if ((!parent.appPath || parentIsAgent) &&
-          (parent.appPath || !ScriptLabel::isShell(parent.name)) && sample.uid == parent.uid) {
+      const bool parentInApp = appOf(parent, call).has_value();
+      if ((!parentInApp || parentIsAgent) && (parentInApp || !ScriptLabel::isShell(parent.name)) &&
+          sample.uid == parent.uid) {
         return keyFor(parent, depth + 1, call);
       }
     }
@@ -135,7 +161,7 @@ AppGrouper::Keyed AppGrouper::computeKey(const ProcessSample& sample, int depth,
                        sample.path.find("WebKit") != std::string::npos;
   if (service) {
     if (auto owner = call.queries.responsiblePid(sample.pid)) {
-      if (auto it = call.byPid.find(*owner); it != call.byPid.end() && it->second->appPath) {
+      if (auto it = call.byPid.find(*owner); it != call.byPid.end() && appOf(*it->second, call)) {
         const std::string& app = *it->second->appPath;
         return {app, appName(app), app};
       }
@@ -155,7 +181,7 @@ AppGrouper::Keyed AppGrouper::computeKey(const ProcessSample& sample, int depth,
 std::vector<AppUsage> AppGrouper::group(const std::vector<ProcessSample>& samples,
                                         ProcessQueries& queries, const AgentRoots& agentRoots,
                                         const CPUStat& cpu, const MemoryStat& memory, int hidden) {
-  Call call{queries, agentRoots, {}, {}};
+  Call call{queries, agentRoots, {}, {}, {}};
   call.byPid.reserve(samples.size());
   for (const ProcessSample& s : samples) call.byPid.emplace(s.pid, &s);
 
@@ -245,16 +271,17 @@ bool AppGrouper::isSystemApp(const std::string& appPath) {
 }
 
 std::string AppGrouper::scriptLabel(const ProcessSample& sample, ProcessQueries& queries) {
-  if (auto it = labelCache_.find(sample.pid);
-      it != labelCache_.end() && it->second.first == sample.started) {
-    return it->second.second;
+  if (auto it = labelCache_.find(sample.pid); it != labelCache_.end() &&
+                                              it->second.started == sample.started &&
+                                              it->second.path == sample.path) {
+    return it->second.label;
   }
   std::string label = ScriptLabel::describe(sample.path, queries.arguments(sample.pid));
   // Nothing to go on (another user's process whose executable and arguments are unreadable):
   // the process's own name is the best label.
   if (label.empty()) label = sample.name;
   if (labelCache_.size() > kLabelCacheLimit) labelCache_.clear();
-  labelCache_.insert_or_assign(sample.pid, std::make_pair(sample.started, label));
+  labelCache_.insert_or_assign(sample.pid, CachedLabel{sample.started, sample.path, label});
   return label;
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/clock.hpp"
+#include "format/platform_text.hpp"
 #include "processes/app_bundles.hpp"
 #include "processes/process_sampler.hpp"
 #include "sampling/records.hpp"
@@ -75,7 +76,14 @@ class AppGrouper {
  public:
   // `bundles` answers display names, identifiers and system membership of app paths; it must
   // outlive the grouper. Every call into it is made under one lock.
-  explicit AppGrouper(AppBundles& bundles, SystemAccounts accounts = platformSystemAccounts());
+  //
+  // `appScopes`: an app path comes from the app's scope, which everything started inside the app
+  // shares (Linux: the systemd scope of a desktop app), rather than from where the executable
+  // lies (macOS: the .app bundle). Then what someone starts from a shell inside an app (a tab of
+  // a terminal, an editor's integrated terminal) is not the app: it stands on its own, or joins
+  // the coding agent that started it, as a tool started from a terminal does on macOS.
+  explicit AppGrouper(AppBundles& bundles, SystemAccounts accounts = platformSystemAccounts(),
+                      bool appScopes = runningOnLinux());
 
   // The apps of one tick, highest impact first (a stable sort). `agentRoots`: live coding-agent
   // root pids to the agent's name (empty disables agent grouping); `hidden`: processes the sampler
@@ -99,15 +107,25 @@ class AppGrouper {
   struct Call;
 
   const Keyed& keyFor(const ProcessSample& sample, int depth, Call& call);
+  // The app a process counts under: its app path, unless it was started from a shell inside
+  // that app (app scopes only).
+  const std::optional<std::string>& appOf(const ProcessSample& sample, Call& call);
+  bool startedFromShellInApp(const ProcessSample& sample, int depth, Call& call);
   Keyed computeKey(const ProcessSample& sample, int depth, Call& call);
   std::optional<std::string> identifier(const std::string& appPath);
   bool isSystemApp(const std::string& appPath);
 
   AppBundles& bundles_;
   SystemAccounts accounts_;
+  bool appScopes_;
 
   // Sampler queue only.
-  std::unordered_map<int32_t, std::pair<std::optional<Date>, std::string>> labelCache_;
+  struct CachedLabel {
+    std::optional<Date> started;
+    std::string path;  // an exec keeps the pid and start time but changes the executable
+    std::string label;
+  };
+  std::unordered_map<int32_t, CachedLabel> labelCache_;
   std::unordered_map<std::string, std::optional<std::string>> idCache_;
   std::unordered_map<std::string, bool> systemCache_;
 

@@ -22,8 +22,10 @@ namespace vistrel {
 // or an unparsable number are skipped; a later line for a pid replaces an earlier one.
 std::vector<PsRow> parsePS(std::string_view text);
 
-// `nettop -P -L 1 -x -n -J bytes_in,bytes_out`: a header line, then "name.pid,in,out,..." lines.
-// The pid is the text after the last "." of the first field. The last line for a pid wins.
+// `nettop -P -L 1 -x -n -J bytes_in,bytes_out`: comma-separated lines under a header that names
+// the columns, "time,,bytes_in,bytes_out," through a pipe (",bytes_in,bytes_out," on some
+// systems): the columns are found by name, the process in the one without a title as "name.pid"
+// (the pid after its last "."). Lines before a header are skipped; the last line for a pid wins.
 std::unordered_map<int32_t, ProcessNetBytes> parseNettop(std::string_view text);
 
 // A KERN_PROCARGS2 buffer: argc (32-bit, native order), the executable path and its zero padding,
@@ -84,5 +86,29 @@ std::optional<DrmClient> parseDrmFdinfo(std::string_view text);
 
 // /proc/<pid>/cmdline: arguments separated (and usually ended) by zero bytes.
 std::vector<std::string> parseCmdline(std::string_view text);
+
+// --- Linux socket diagnostics (netlink bytes; portable) ---
+
+// One TCP socket of a NETLINK_SOCK_DIAG dump, with the byte counters of its tcp_info.
+struct TcpSocketBytes {
+  uint64_t inode = 0;     // the socket's inode: "socket:[<inode>]" among its owner's descriptors
+  uint32_t uid = 0;       // the user that created it
+  uint64_t received = 0;  // tcpi_bytes_received: payload bytes received over the socket's life
+  uint64_t acked = 0;     // tcpi_bytes_acked: payload bytes sent and acknowledged by the peer
+  bool operator==(const TcpSocketBytes&) const = default;
+};
+
+enum class DumpStatus {
+  more,    // every message parsed; the dump goes on in the next datagram
+  done,    // the dump's end (NLMSG_DONE) was reached
+  failed,  // an error message, or a message whose length does not fit the datagram
+};
+
+// One datagram of an inet_diag dump (SOCK_DIAG_BY_FAMILY or the older TCPDIAG_GETSOCK) requested
+// with the INET_DIAG_INFO extension, in the host's
+// byte order (netlink is never byte-swapped). Appends every socket that has an inode (time-wait
+// entries have none) and a tcp_info long enough to hold both byte counters (kernels from 4.2);
+// other messages and attributes are skipped.
+DumpStatus parseSockDiag(const uint8_t* data, size_t size, std::vector<TcpSocketBytes>& out);
 
 }  // namespace vistrel

@@ -32,13 +32,17 @@ ProcessSampler::ProcessSampler(std::unique_ptr<ProcessSource> source, const Cloc
   cores_ = source_->cores();
 }
 
-const ProcessSampler::Info* ProcessSampler::infoFor(int32_t pid, uint64_t startKey) {
+const ProcessSampler::Info* ProcessSampler::infoFor(int32_t pid, const ProcessCounters& counters) {
   auto it = info_.find(pid);
-  if (it != info_.end() && it->second.startKey == startKey) return &it->second;
-  // A new process, or the pid now names another one: read who it is, once for its life.
+  if (it != info_.end() && it->second.startKey == counters.startKey &&
+      it->second.program == counters.program) {
+    return &it->second;
+  }
+  // A new process, the pid now names another one, or the process exec'd another program: read who
+  // it is, once per program it runs.
   auto identity = source_->identity(pid);
   if (!identity) return nullptr;
-  Info info{std::move(*identity), {}, startKey};
+  Info info{std::move(*identity), {}, counters.startKey, counters.program};
   const ProcessIdentity& id = info.identity;
   info.name = id.path.empty() ? id.baseName : std::string(lastComponent(id.path));
   // Programs installed under version-numbered file names ("2.1.0") are shown under the name they
@@ -75,6 +79,9 @@ std::vector<ProcessSample> ProcessSampler::sample(bool network, double psEvery, 
   std::erase_if(pids_, [](int32_t pid) { return pid <= 0; });
   std::sort(pids_.begin(), pids_.end());
   pids_.erase(std::unique(pids_.begin(), pids_.end()), pids_.end());
+  // What the source holds for exited processes (open files) goes now, every tick: a walk of a few
+  // hundred entries, cheaper than letting descriptors pile up until a sweep.
+  source_->retainOnly(pids_);
 
   std::unordered_map<int32_t, uint64_t> gpuTimes;
   if (gpu) gpuTimes = source_->gpuTimes();
@@ -97,7 +104,7 @@ std::vector<ProcessSample> ProcessSampler::sample(bool network, double psEvery, 
       ++kernelTasks;
       continue;
     }
-    const Info* info = infoFor(pid, counters->startKey);
+    const Info* info = infoFor(pid, *counters);
     if (!info) {
       unreadable_.push_back(pid);
       continue;
@@ -192,14 +199,6 @@ std::vector<ProcessSample> ProcessSampler::sample(bool network, double psEvery, 
 void ProcessSampler::prune(const std::vector<int32_t>& pids) {
   // `pids` is sorted: membership by binary search, no set to build.
   auto dead = [&](int32_t pid) { return !std::binary_search(pids.begin(), pids.end(), pid); };
-  std::vector<int32_t> gone;
-  for (const auto& [pid, _] : last_) {
-    if (dead(pid)) gone.push_back(pid);
-  }
-  for (const auto& [pid, _] : info_) {
-    if (dead(pid) && !last_.count(pid)) gone.push_back(pid);
-  }
-  for (int32_t pid : gone) source_->forget(pid);
   std::erase_if(last_, [&](const auto& e) { return dead(e.first); });
   std::erase_if(info_, [&](const auto& e) { return dead(e.first); });
   std::erase_if(gpuLast_, [&](const auto& e) { return dead(e.first); });

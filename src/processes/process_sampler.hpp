@@ -39,6 +39,7 @@ class ProcessSampler {
     return source_->workingFolder(pid);
   }
   double cores() const { return cores_; }
+  bool measuresEnergy() const { return source_->measuresEnergy(); }
 
   // Sizes of the per-pid memories, for the soak benchmark and tests.
   struct MemorySizes {
@@ -55,6 +56,7 @@ class ProcessSampler {
     ProcessIdentity identity;
     std::string name;
     uint64_t startKey;
+    std::string program;  // ProcessCounters::program when the identity was read
   };
   struct TimedNs {
     uint64_t ns;
@@ -65,7 +67,7 @@ class ProcessSampler {
     double time;
   };
 
-  const Info* infoFor(int32_t pid, uint64_t startKey);
+  const Info* infoFor(int32_t pid, const ProcessCounters& counters);
   double gpuShareFor(int32_t pid, const std::unordered_map<int32_t, uint64_t>& gpuTimes,
                      double now);
   void prune(const std::vector<int32_t>& pids);

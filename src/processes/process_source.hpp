@@ -14,13 +14,18 @@ namespace vistrel {
 // Counters of one process, read every tick. Cumulative values only: the process sampler turns them
 // into rates between ticks.
 struct ProcessCounters {
-  uint64_t cpuNs = 0;         // user + system CPU time over the process's life, nanoseconds
-  uint64_t energyNj = 0;      // energy over the process's life, nanojoules (0 where there is none)
-  uint64_t diskRead = 0;      // bytes read from storage over the process's life
-  uint64_t diskWrite = 0;     // bytes written
-  uint64_t memory = 0;        // footprint now, bytes
-  uint64_t startKey = 0;      // the process's start time in the platform's units: a new value means
-                              // the pid now names another process
+  uint64_t cpuNs = 0;      // user + system CPU time over the process's life, nanoseconds
+  uint64_t energyNj = 0;   // energy over the process's life, nanojoules (0 where there is none)
+  uint64_t diskRead = 0;   // bytes read from storage over the process's life
+  uint64_t diskWrite = 0;  // bytes written
+  uint64_t memory = 0;     // footprint now, bytes
+  uint64_t startKey = 0;   // the process's start time in the platform's units: a new value means
+                           // the pid now names another process
+  // The kernel's short name of the program the process runs (Linux: the comm field of stat). It
+  // changes when the process execs another program (shims, wrapper scripts ending in exec), which
+  // keeps its pid and start time: its identity must then be read again. Empty where the platform
+  // does not report it per tick.
+  std::string program;
   bool kernelThread = false;  // a kernel task with no program of its own (Linux): counted with the
                               // system's unattributed share, never shown as an app
 };
@@ -83,8 +88,15 @@ class ProcessSource {
   virtual std::vector<PsRow> psListing() = 0;
   // Logical cores the system has online.
   virtual double cores() = 0;
+  // Whether `ProcessCounters::energyNj` is measured (macOS); where it is not, energy is estimated
+  // elsewhere from the package power, or unknown.
+  virtual bool measuresEnergy() const { return false; }
   // The pid is gone: drop whatever the source keeps for it (open files, cached paths).
   virtual void forget(int32_t /*pid*/) {}
+  // Called once per tick with that tick's listing (sorted, unique): drop whatever the source keeps
+  // for every pid not in it, whether or not the sampler ever kept anything for that pid (kernel
+  // threads, processes whose identity could not be read).
+  virtual void retainOnly(const std::vector<int32_t>& /*livePids*/) {}
 };
 
 std::unique_ptr<ProcessSource> makeProcessSource();

@@ -11,6 +11,7 @@ class ProcessStageAdapter final : public ProcessStage {
     return layer_->sampler.sample(network, psEvery, gpu);
   }
   int hidden() const override { return layer_->sampler.hidden(); }
+  bool measuresEnergy() const override { return layer_->sampler.measuresEnergy(); }
 
  private:
   std::shared_ptr<ProcessLayer> layer_;

@@ -1,11 +1,15 @@
 // Parsers of what the macOS process tools and the kernel's argument buffer tell us. Portable: they
 // see only text and bytes, so they are tested and fuzzed on any machine.
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <optional>
+#include <vector>
 
+#include "base/decimal.hpp"
 #include "processes/process_parsers.hpp"
 
 namespace vistrel {
@@ -37,33 +41,6 @@ std::optional<T> wholeInteger(std::string_view text) {
 std::optional<int32_t> digitsPid(std::string_view text) {
   if (text.empty() || text.front() < '0' || text.front() > '9') return std::nullopt;
   return wholeInteger<int32_t>(text);
-}
-
-// A plain decimal number such as "12.5", "-0.3" or "7": the tool prints %cpu this way whatever the
-// locale of the C library, so the locale-dependent strtod is not used. nullopt for anything else
-// or for a value that is not finite.
-std::optional<double> plainDecimal(std::string_view text) {
-  size_t i = 0;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '-' || text[i] == '+')) {
-    negative = text[i] == '-';
-    ++i;
-  }
-  double value = 0;
-  size_t digits = 0;
-  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i, ++digits) {
-    value = value * 10 + (text[i] - '0');
-  }
-  if (i < text.size() && text[i] == '.') {
-    ++i;
-    double scale = 0.1;
-    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i, ++digits) {
-      value += (text[i] - '0') * scale;
-      scale /= 10;
-    }
-  }
-  if (digits == 0 || i != text.size() || !std::isfinite(value)) return std::nullopt;
-  return negative ? -value : value;
 }
 
 // Calls `visit(line)` for every non-empty line of `text`, split at '\n'.
@@ -153,7 +130,7 @@ std::vector<PsRow> parsePS(std::string_view text) {
     const auto pid = wholeInteger<int32_t>(fields[0]);
     const auto ppid = wholeInteger<int32_t>(fields[1]);
     const auto uid = wholeInteger<uint32_t>(fields[2]);
-    const auto cpu = plainDecimal(fields[3]);
+    const auto cpu = parseDecimal(fields[3]);
     const auto rssKb = wholeInteger<uint64_t>(fields[4]);
     if (!pid || !ppid || !uid || !cpu || !rssKb) return;
     if (*rssKb > std::numeric_limits<uint64_t>::max() / 1024) return;
@@ -171,30 +148,61 @@ std::vector<PsRow> parsePS(std::string_view text) {
 
 std::unordered_map<int32_t, ProcessNetBytes> parseNettop(std::string_view text) {
   std::unordered_map<int32_t, ProcessNetBytes> bytes;
-  bool header = true;
+  // Where the columns are, from the last header line; nothing is read before one.
+  struct Columns {
+    size_t count = 0;  // fields of the header, its trailing empty one included
+    size_t name = 0;   // the process's "name.pid": the header's empty-named column
+    size_t in = 0;
+    size_t out = 0;
+  };
+  std::optional<Columns> columns;
+  std::vector<std::string_view> fields;
   forEachLine(text, [&](std::string_view line) {
-    if (header) {
-      header = false;
-      return;
-    }
     if (line.back() == '\r') line.remove_suffix(1);
     // Fields are positional: an empty one is a missing value, not something to close up.
-    std::string_view fields[3];
-    bool more = true;
-    for (auto& field : fields) {
-      if (!more) return;
-      const size_t comma = line.find(',');
-      field = line.substr(0, comma);
-      more = comma != std::string_view::npos;
-      if (more) line.remove_prefix(comma + 1);
+    fields.clear();
+    for (size_t start = 0;;) {
+      const size_t comma = line.find(',', start);
+      fields.push_back(line.substr(start, comma == std::string_view::npos ? comma : comma - start));
+      if (comma == std::string_view::npos) break;
+      start = comma + 1;
     }
-    const size_t dot = fields[0].rfind('.');
+    const auto in = std::find(fields.begin(), fields.end(), "bytes_in");
+    const auto out = std::find(fields.begin(), fields.end(), "bytes_out");
+    if (in != fields.end() && out != fields.end()) {
+      // A header: "time,,bytes_in,bytes_out," when the output is not a terminal (or no time
+      // column: ",bytes_in,bytes_out,"). The process column is the one without a title; the
+      // empty field after the trailing comma is none.
+      columns.reset();
+      const auto titled = fields.end() - (fields.back().empty() ? 1 : 0);
+      const auto name = std::find(fields.begin(), titled, "");
+      if (name == titled) return;
+      columns = Columns{fields.size(), static_cast<size_t>(name - fields.begin()),
+                        static_cast<size_t>(in - fields.begin()),
+                        static_cast<size_t>(out - fields.begin())};
+      return;
+    }
+    if (!columns) return;
+    // A name holding commas spreads over more fields than the header has: the columns after it
+    // move right by as many. A line without the trailing comma has one field fewer.
+    const size_t extra = fields.size() > columns->count ? fields.size() - columns->count : 0;
+    const auto at = [&](size_t column) -> std::optional<std::string_view> {
+      const size_t index = column > columns->name ? column + extra : column;
+      if (index >= fields.size()) return std::nullopt;
+      return fields[index];
+    };
+    const std::optional<std::string_view> inText = at(columns->in), outText = at(columns->out);
+    if (!inText || !outText) return;
+    if (columns->name + extra >= fields.size()) return;
+    // The pid follows the last "." of the name's last piece.
+    const std::string_view last = fields[columns->name + extra];
+    const size_t dot = last.rfind('.');
     if (dot == std::string_view::npos) return;
-    const auto pid = digitsPid(fields[0].substr(dot + 1));
-    const auto in = wholeInteger<uint64_t>(fields[1]);
-    const auto out = wholeInteger<uint64_t>(fields[2]);
-    if (!pid || !in || !out) return;
-    bytes[*pid] = ProcessNetBytes{*in, *out};
+    const auto pid = digitsPid(last.substr(dot + 1));
+    const auto inBytes = wholeInteger<uint64_t>(*inText);
+    const auto outBytes = wholeInteger<uint64_t>(*outText);
+    if (!pid || !inBytes || !outBytes) return;
+    bytes[*pid] = ProcessNetBytes{*inBytes, *outBytes};
   });
   return bytes;
 }

@@ -2,6 +2,9 @@
 
 #include <charconv>
 #include <limits>
+#include <optional>
+
+#include "base/decimal.hpp"
 
 namespace vistrel {
 
@@ -72,9 +75,9 @@ bool parseWhole(std::string_view s, T& value, int base = 10) {
 }
 
 bool parseDouble(std::string_view s, double& value) {
-  if (s.empty()) return false;
-  auto [ptr, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
-  return ec == std::errc() && ptr == s.data() + s.size();
+  const std::optional<double> parsed = parseDecimal(s);
+  if (parsed) value = *parsed;
+  return parsed.has_value();
 }
 
 bool isDigit(char c) {

@@ -65,7 +65,9 @@ struct GPUStat {
 struct PowerStat {
   std::optional<double> system;  // watts drawn by the whole machine
   std::optional<double> gpu;     // GPU watts
-  double apps = 0;               // sum of the energy figure of every sampled process
+  // The sum of the energy figure of every sampled process, watts; absent where the machine gives
+  // no per-process energy (then each process's `energy` is 0 and means "unknown", not "none").
+  std::optional<double> apps;
   bool operator==(const PowerStat&) const = default;
 };
 

@@ -6,6 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "sampling/audio_reader.hpp"
+#include "sampling/bluetooth_reader.hpp"
+#include "sampling/process_energy.hpp"
+#include "sampling/sensor_sources.hpp"
+
 namespace vistrel {
 
 namespace {
@@ -50,15 +55,15 @@ SamplerParts&& SamplerParts::withPlatformDefaults() && {
   if (!gpu) gpu = makeGPUSource();
   if (!disk) disk = makeDiskSource();
   if (!network) network = makeNetworkSource();
-  if (!smc) smc = std::make_unique<SMCSource>();
-  if (!thermal) thermal = std::make_unique<ThermalSource>();
-  if (!battery) battery = std::make_unique<BatterySource>();
-  if (!energy) energy = std::make_unique<EnergySource>();
+  if (!smc) smc = makeSMCSource();
+  if (!thermal) thermal = makeThermalSource();
+  if (!battery) battery = makeBatterySource();
+  if (!energy) energy = makeEnergySource();
   if (!processes) processes = std::make_unique<ProcessStage>();
   if (!agents) agents = std::make_unique<AgentStage>();
   if (!apps) apps = std::make_unique<AppStage>();
-  if (!audio) audio = std::make_unique<AudioSource>();
-  if (!bluetooth) bluetooth = std::make_unique<BluetoothSource>();
+  if (!audio) audio = makeAudioSource();
+  if (!bluetooth) bluetooth = makeBluetoothSource();
   return std::move(*this);
 }
 
@@ -82,8 +87,17 @@ Sampler::~Sampler() {
   if (timer_) timer_->cancel();
 }
 
+void Sampler::stop() {
+  // The queue is serial: this runs after the tick under way, and no tick runs after it.
+  queue_.sync([this] {
+    stopped_ = true;
+    if (timer_) timer_->cancel();
+  });
+}
+
 void Sampler::installTimer(double firstDelay) {
   if (timer_) timer_->cancel();
+  if (stopped_) return;
   std::weak_ptr<Sampler> weak = weak_from_this();
   timer_ = queue_.schedule(firstDelay, interval_, [weak] {
     if (auto self = weak.lock()) self->tick();
@@ -250,6 +264,7 @@ Snapshot Sampler::read() {
   if (!bg && now - audioAt_ > kSlowForeground) {
     audioAt_ = now;
     audio_ = parts_.audio->read();
+    nameAudioUses(audio_, snapshot.apps, snapshot.processes);
   }
   snapshot.audio = audio_;
 
@@ -266,9 +281,13 @@ Snapshot Sampler::read() {
 
 void Sampler::readProcessStages(Snapshot& snapshot, std::vector<ProcessSample> processes) {
   snapshot.hiddenProcesses = parts_.processes->hidden();
-  double energy = 0;
-  for (const auto& p : processes) energy += p.energy;
-  snapshot.power.apps = energy;
+  if (parts_.processes->measuresEnergy()) {
+    double energy = 0;
+    for (const auto& p : processes) energy += p.energy;
+    snapshot.power.apps = energy;
+  } else {
+    snapshot.power.apps = apportionEnergy(processes, parts_.smc->packagePower(), snapshot.cpu);
+  }
   auto [sessions, agentRoots] = parts_.agents->sessions(processes);
   snapshot.apps = parts_.apps->group(processes, agentRoots, snapshot.cpu, snapshot.memory,
                                      snapshot.hiddenProcesses);

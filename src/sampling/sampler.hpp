@@ -66,6 +66,11 @@ class Sampler : public std::enable_shared_from_this<Sampler> {
   // timer whose first tick is one new period away (changing the period never causes an extra tick).
   void setInterval(double seconds);
 
+  // Stops ticking for good and returns once a tick under way has finished, so that nothing more
+  // is posted to the main queue: call it before the main queue goes. Later `start` and
+  // `setInterval` calls do nothing. Never call it on the sampler's queue.
+  void stop();
+
   bool background() const;
   void setBackground(bool background);
 
@@ -109,6 +114,7 @@ class Sampler : public std::enable_shared_from_this<Sampler> {
 
   // Touched only on the queue.
   std::shared_ptr<SerialQueue::Timer> timer_;
+  bool stopped_ = false;
   SensorStat sensors_;
   BatteryStat battery_;
   double batteryAt_ = -1000;  // uptime seconds; far in the past so slow readers run on tick one

@@ -23,6 +23,9 @@ class SMCSource {
   virtual ~SMCSource() = default;
   virtual std::vector<Fan> fans() { return {}; }
   virtual std::optional<double> systemPower() { return std::nullopt; }
+  // Watts drawn by the processor package(s), where the platform measures them apart from the
+  // machine (RAPL on Linux); per-process energy is apportioned from it. Asked once per tick.
+  virtual std::optional<double> packagePower() { return std::nullopt; }
 };
 
 // Temperatures; the result carries the given fans.
@@ -72,6 +75,9 @@ class ProcessStage {
   }
   // Processes that could not be read in the last sample.
   virtual int hidden() const { return 0; }
+  // Whether the samples carry the platform's own per-process energy (macOS). Otherwise the sampler
+  // apportions the package power by CPU time, or leaves energy unknown.
+  virtual bool measuresEnergy() const { return false; }
 };
 
 // Map from the process id of an agent's root process to the tool's name.

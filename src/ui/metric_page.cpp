@@ -82,7 +82,16 @@ class MetricPage final : public PageWidget {
     content()->addWidget(rangeBar_);
 
     // The chart.
-    auto* chartCard = new Card;
+    // Shown instead of the chart when the machine has no such source.
+    emptyCard_ = new Card;
+    emptyText_ = makeLabel({}, kBody, true);
+    emptyText_->setWordWrap(true);
+    emptyCard_->body()->addWidget(emptyText_);
+    emptyCard_->hide();
+    content()->addWidget(emptyCard_);
+
+    chartCard_ = new Card;
+    auto* chartCard = chartCard_;
     chart_ = new Chart;
     chart_->setMinimumHeight(190);
     chartCard->body()->addWidget(chart_, 1);
@@ -125,6 +134,7 @@ class MetricPage final : public PageWidget {
     appsCard_->body()->addStretch();
     lower->addWidget(appsCard_, 2);
     content()->addLayout(lower);
+    content()->addStretch(0);
   }
 
   void setRange(std::optional<TimeSpan> span) override {
@@ -153,7 +163,11 @@ class MetricPage final : public PageWidget {
     const bool none = !v.emptyState.empty();
     rangeBar_->setVisible(!none);
     appsCard_->setVisible(!none);
-    caption_->setVisible(!none);
+    chartCard_->setVisible(!none);
+    emptyCard_->setVisible(none);
+    emptyText_->setText(q(v.emptyState));
+    value_->setVisible(!none);
+    valueNote_->setVisible(!none);
     QString value = q(v.glance.value);
     value_->setFont(v.glance.available ? figureFont(kFigure, QFont::DemiBold) : textFont(kTitle));
     if (v.glance.attention != Attention::none) value = QString::fromUtf8("▲ ") + value;
@@ -291,6 +305,9 @@ class MetricPage final : public PageWidget {
   Card* details_;
   Card* appsCard_;
   QWidget* rangeBar_;
+  Card* chartCard_;
+  Card* emptyCard_;
+  QLabel* emptyText_;
   BarRow* cores_ = nullptr;
   QLabel* coresCaption_ = nullptr;
   Meter* stack_ = nullptr;

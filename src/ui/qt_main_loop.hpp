@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <functional>
+#include <mutex>
 
 #include "base/main_queue.hpp"
 
@@ -17,8 +18,14 @@ class QtMainLoop final : public MainLoop {
   void post(std::function<void()> task) override;
   void run() override;
   void quit() override;
+  // From now on posts are dropped: the application has ended, and a worker thread that outlived
+  // it (a queue destroyed from its own thread finishes its task detached) must find nothing to
+  // run rather than a toolkit being torn down.
+  void close();
 
  private:
+  std::mutex mutex_;  // held while posting, so that close waits for a post under way
+  bool closed_ = false;
   QObject context_;  // lives on the main thread; queued calls are delivered through it
 };
 

@@ -8,6 +8,7 @@
 #include <QPainter>
 #include <QPixmap>
 #include <QScreen>
+#include <QStyleHints>
 #include <QTimer>
 #include <cstdio>
 #include <cstdlib>
@@ -15,8 +16,8 @@
 #include "agents/executable_path.hpp"
 #include "app/model.hpp"
 #include "app/single_instance.hpp"
+#include "ui/desktop.hpp"
 #include "ui/desktop_notifier.hpp"
-#include "ui/dock.hpp"
 #include "ui/login_item.hpp"
 #include "ui/shell_state.hpp"
 #include "ui/status_bar.hpp"
@@ -47,15 +48,12 @@ class WindowShell final : public ApplicationShell {
       model_.setOpenAtLogin(loginItem_->enabled());
     }
     window_ = std::make_unique<MainWindow>(context_);
-    restoreFrame();
-    if (hooks_.size) window_->resize(hooks_.size->first, hooks_.size->second);
 
     model_.hooks.openWindow = [this] { showWindow(); };
     model_.hooks.windowOnScreen = [this] { return window_->onScreen(); };
     model_.hooks.applyAppearance = [this] { applyTheme(); };
-    // The Dock belongs to macOS; elsewhere the window is always in the task bar.
     model_.hooks.applyDock = [this] {
-      applyDockPolicy(model_.settings().showInDock, window_->isVisible());
+      desktop::setShowInDock(model_.settings().showInDock, window_->isVisible());
     };
     notifier_ = makeDesktopNotifier([this] { go(Page::alerts), showWindow(); });
     model_.alertEngine().setNotifier(notifier_.get());
@@ -81,7 +79,18 @@ class WindowShell final : public ApplicationShell {
     QObject::connect(&frameTimer_, &QTimer::timeout, [this] { saveFrame(); });
 
     applyTheme();
+    model_.hooks.applyDock();
     buildMenus();
+    // After the menus: a menu bar inside the window adds to the content's size.
+    restoreFrame();
+    if (hooks_.size) window_->resizeContent(hooks_.size->first, hooks_.size->second);
+#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
+    // "Follow the system" follows it while running too.
+    QObject::connect(QGuiApplication::styleHints(), &QStyleHints::colorSchemeChanged, window_.get(),
+                     [this] {
+                       if (model_.settings().appearance == Appearance::system) applyTheme();
+                     });
+#endif
     // After the model has started (the loop runs posted tasks once the application runs).
     app_.mainLoop().post([this] { launched(); });
   }
@@ -191,7 +200,11 @@ class WindowShell final : public ApplicationShell {
     std::optional<Frame> saved;
     if (auto json = app_.defaults().get(kFrameKey)) saved = frameFromJson(*json);
     Frame f = restoredFrame(saved, {area.x(), area.y(), area.width(), area.height()});
-    window_->resize(f.width, f.height);
+    if (saved && f == *saved) {
+      window_->resize(f.width, f.height);  // the frame as it was left
+    } else {
+      window_->resizeContent(f.width, f.height);  // the default content size, centred
+    }
     window_->move(f.x, f.y);
   }
 
@@ -232,6 +245,10 @@ class WindowShell final : public ApplicationShell {
     appMenu->addSeparator();
     add(
         appMenu, "Hide Vistrel", [this] { window_->hide(); }, QKeySequence("Ctrl+H"));
+    if (desktop::canHideOthers()) {
+      add(
+          appMenu, "Hide Others", [] { desktop::hideOthers(); }, QKeySequence("Ctrl+Alt+H"));
+    }
     appMenu->addSeparator();
     add(
         appMenu, "Quit Vistrel", [this] { app_.requestQuit(); }, QKeySequence::Quit)

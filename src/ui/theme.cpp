@@ -75,7 +75,6 @@ QPushButton:checked { background: %5; border-color: %4; color: %1; }
 QPushButton:disabled { color: %6; }
 QCheckBox { color: %1; spacing: 8px; }
 QComboBox { color: %1; background: %2; border: 1px solid %3; border-radius: 7px; padding: 4px 10px; }
-QComboBox::drop-down { border: none; width: 22px; }
 QComboBox QAbstractItemView { color: %1; background: %2; selection-background-color: %5; }
 QPlainTextEdit, QLineEdit { color: %1; background: %7; border: 1px solid %3; border-radius: 7px;
   padding: 6px; selection-background-color: %5; }

@@ -28,11 +28,16 @@ extern "C" __attribute__((visibility("default"))) int vistrel_ui_main(int interf
     // Closing the window leaves the application running.
     QApplication::setQuitOnLastWindowClosed(false);
     vistrel::ui::loadFonts();
-    vistrel::ui::QtMainLoop loop;
+    // Kept for the life of the process and closed once the application has ended: a worker
+    // thread still finishing then posts into nothing instead of into a destroyed loop.
+    static auto* loop = new vistrel::ui::QtMainLoop;
     auto options = vistrel::ApplicationOptions::fromEnvironment();
     options.printStatus = false;  // the window shows what the terminal lines would
     options.alertLines = false;   // the window and the desktop's notifications show the alerts
-    return vistrel::runApplicationMode(loop, vistrel::ui::makeWindowShell, std::move(options));
+    const int status =
+        vistrel::runApplicationMode(*loop, vistrel::ui::makeWindowShell, std::move(options));
+    loop->close();
+    return status;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "vistrel: the application stopped on an unexpected error: %s\n",
                  error.what());

@@ -499,7 +499,9 @@ MetricPageView metricPageView(Metric metric, const Snapshot& s, const std::deque
     case Metric::battery:
       v.live = {scaled(live, 1), {}, {}, "100%", "50%"};
       if (!s.battery.present) {
-        v.emptyState = platformText("No battery: this Mac runs on mains power.");
+        v.emptyState = platformText(
+            "No battery: this Mac runs on mains power. Laptops show their charge, health and "
+            "time left here.");
         v.live.levels.clear();
       } else {
         v.subtitle = v.glance.note;
@@ -520,7 +522,9 @@ MetricPageView metricPageView(Metric metric, const Snapshot& s, const std::deque
                 Fmt::temperature(kHeatFullScale),
                 Fmt::temperature(kHeatFullScale / 2)};
       if (!s.sensors.hottest()) {
-        v.emptyState = "No sensors: no temperature could be read on this machine.";
+        v.emptyState =
+            "No sensors: no temperature could be read on this machine yet. Where the CPU, GPU or "
+            "disk report one, the hottest shows here with its history.";
         v.live.levels.clear();
       } else {
         v.subtitle = "The hotter of the CPU and the GPU";

@@ -2,6 +2,7 @@
 
 #include <QCloseEvent>
 #include <QHBoxLayout>
+#include <QMenuBar>
 #include <QStackedWidget>
 #include <QTimer>
 #include <QWindow>
@@ -17,9 +18,9 @@ namespace vistrel::ui {
 
 MainWindow::MainWindow(PageContext& context) : context_(context) {
   setWindowTitle("Vistrel");
-  setMinimumSize(kMinimumWidth, kMinimumHeight);
-  resize(kWindowWidth, kWindowHeight);
   auto* central = new QWidget(this);
+  // The sizes are the content's: a menu bar inside the window (Linux) comes on top of them.
+  central->setMinimumSize(kMinimumWidth, kMinimumHeight);
   auto* layout = new QHBoxLayout(central);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(0);
@@ -29,6 +30,7 @@ MainWindow::MainWindow(PageContext& context) : context_(context) {
   layout->addWidget(sidebar_);
   layout->addWidget(stack_, 1);
   setCentralWidget(central);
+  resizeContent(kWindowWidth, kWindowHeight);
   showPage(Page::overview);
 }
 
@@ -39,6 +41,11 @@ PageWidget* MainWindow::pageWidget(Page page) {
   stack_->addWidget(widget);
   pages_[page] = widget;
   return widget;
+}
+
+void MainWindow::resizeContent(int width, int height) {
+  const int menu = menuBar()->isNativeMenuBar() ? 0 : menuBar()->sizeHint().height();
+  resize(width, height + menu);
 }
 
 void MainWindow::showPage(Page page) {

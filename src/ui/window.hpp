@@ -24,6 +24,8 @@ class MainWindow final : public QMainWindow {
   explicit MainWindow(PageContext& context);
 
   void showPage(Page page);
+  // Sizes the window so that its content (below a menu bar inside it) is `width` × `height`.
+  void resizeContent(int width, int height);
   // Shows a metric page on a span of its history.
   void showRange(Page page, std::optional<TimeSpan> span);
   Page page() const { return page_; }

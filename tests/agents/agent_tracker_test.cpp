@@ -93,6 +93,10 @@ TEST(AgentTracker, RecognitionIsCachedPerProcessLife) {
   f.args[7] = {"node", "/srv/app.js"};
   EXPECT_EQ(f.tracker.tool(proc(7, 1, "node", 0, 0, 200)), std::nullopt);
   EXPECT_EQ(f.argumentReads, 2);
+  // A shim execs the agent: same pid and start time, another program.
+  EXPECT_EQ(f.tracker.tool(proc(8, 1, "bash", 0, 0, 300)), std::nullopt);
+  f.args[8] = {"node", "/home/u/.nvm/versions/node/v22/bin/claude"};
+  EXPECT_EQ(f.tracker.tool(proc(8, 1, "node", 0, 0, 300)), kClaudeCode);
 }
 
 TEST(AgentTracker, SessionsGroupAnAgentWithEverythingItStarted) {

@@ -92,38 +92,5 @@ TEST(ClaudeLiveFiles, RealProbeKeepsThisProcessAndDropsAnExitedOne) {
   EXPECT_EQ(live[0].sessionId, "me");
 }
 
-// Restores an environment variable when the test ends.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    value ? ::setenv(name, value, 1) : ::unsetenv(name);
-  }
-  ~ScopedEnv() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
-
-TEST(ClaudeFolderChoice, ConfigDirWinsOverHome) {
-  ClaudeFolder folder;
-  ScopedEnv home("HOME", folder.root.c_str());
-  {
-    ScopedEnv config("CLAUDE_CONFIG_DIR", nullptr);
-    EXPECT_EQ(ClaudeReader::defaultFolder(), folder.root + "/.claude");
-    ScopedEnv empty("CLAUDE_CONFIG_DIR", "");
-    EXPECT_EQ(ClaudeReader::defaultFolder(), folder.root + "/.claude");
-  }
-  const std::string elsewhere = folder.root + "/elsewhere";
-  ScopedEnv config("CLAUDE_CONFIG_DIR", elsewhere.c_str());
-  EXPECT_EQ(ClaudeReader::defaultFolder(), elsewhere);
-  ClaudeReader reader(ClaudeReader::defaultFolder(), test::utcStartOfDay);
-  EXPECT_FALSE(reader.installed());
-  folder.write("elsewhere/projects/p/s.jsonl", test::assistant("m", "q", {4, 0, 0, 0}));
-  EXPECT_TRUE(reader.installed());
-  EXPECT_EQ(reader.refresh({}, {}, {}, test::at("2025-01-31T12:00:00Z")).today.input, 4);
-}
-
 }  // namespace
 }  // namespace vistrel

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -152,6 +153,11 @@ TEST(CodexRolloutLine, WindowRule) {
       {"reset far beyond the clock's range is unknown",
        R"({"primary":{"used_percent":9,"resets_at":1e300,"resets_in_seconds":-5}})", true,
        window(9, std::nullopt, std::nullopt), std::nullopt},
+      {"an absurd length is cut to a year",
+       R"({"primary":{"used_percent":50,"window_minutes":9223372036854775807}})", true,
+       std::nullopt, window(50, std::nullopt, kLongestWindowMinutes)},
+      {"a negative length is no length", R"({"primary":{"used_percent":8,"window_minutes":-300}})",
+       true, window(8, std::nullopt, std::nullopt), std::nullopt},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -318,52 +324,110 @@ TEST_F(CodexReaderTest, ContextPercent) {
   }
 }
 
-TEST_F(CodexReaderTest, PairingWithLiveProcessesAndWorking) {
+// A live Codex process takes a rollout written to within 6 hours, its own folder's first: Codex
+// started with --cd, or serving an editor or the desktop app, runs in another folder.
+TEST(CodexPairing, RecentRolloutsOwnFolderFirst) {
   const Date now = at("2025-01-31T12:00:00Z");
-  struct Case {
+  struct Rollout {
     const char* id;
     const char* folder;
     const char* last;  // the rollout's last record
-    bool live;
-    bool working;
-  } cases[] = {
-      {"seven-hours", "/w/old", "2025-01-31T05:00:00Z", false, false},
-      {"five-hours", "/w/five", "2025-01-31T07:00:00Z", true, false},
-      {"five-seconds", "/w/busy", "2025-01-31T11:59:55Z", true, true},
-      {"fifteen-seconds", "/w/idle", "2025-01-31T11:59:45Z", false, false},
   };
-  std::vector<AgentSession> processes;
-  int32_t pid = 100;
-  for (const Case& c : cases) {
-    home.write("2025/01/31", std::string(c.id) + ".jsonl",
-               meta("2025-01-31T04:00:00Z", c.id, c.folder) + prompt(c.last), now);
-    if (!c.live && std::string(c.id) != "seven-hours") continue;
-    AgentSession process;
-    process.pid = pid++;
-    process.tool = kCodex;
-    process.folder = std::string(c.folder) + "/";  // a trailing slash still matches
-    process.processCount = 3;
-    process.cpu = 12.5;
-    process.memory = 1 << 20;
-    processes.push_back(process);
+  struct Process {
+    int32_t pid;
+    const char* folder;
+    const char* started;
+  };
+  struct Case {
+    const char* name;
+    std::vector<Rollout> rollouts;
+    std::vector<Process> processes;
+    std::map<std::string, int32_t> paired;  // rollout id -> pid; others are not live
+  } cases[] = {
+      {"its own folder over a more recent one",
+       {{"mine", "/w/a", "2025-01-31T11:00:00Z"}, {"newer", "/w/b", "2025-01-31T11:50:00Z"}},
+       {{10, "/w/a/", "2025-01-31T10:00:00Z"}},  // a trailing slash still matches
+       {{"mine", 10}}},
+      {"another folder's when it has none (--cd, an editor, the app)",
+       {{"elsewhere", "/w/b", "2025-01-31T09:00:00Z"}},
+       {{10, "/home/u", "2025-01-31T08:00:00Z"}},
+       {{"elsewhere", 10}}},
+      {"never one seven hours old, even of its folder",
+       {{"old", "/w/a", "2025-01-31T05:00:00Z"}},
+       {{10, "/w/a", "2025-01-31T04:00:00Z"}},
+       {}},
+      {"two processes: the folder's first, then the newest process the newest rollout",
+       {{"a", "/w/a", "2025-01-31T10:00:00Z"},
+        {"b", "/w/b", "2025-01-31T11:00:00Z"},
+        {"c", "/w/c", "2025-01-31T11:30:00Z"}},
+       {{10, "/w/b", "2025-01-31T07:00:00Z"}, {11, "/x", "2025-01-31T09:00:00Z"}},
+       {{"b", 10}, {"c", 11}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    CodexHome home;
+    for (const Rollout& r : c.rollouts) {
+      home.write("2025/01/31", std::string(r.id) + ".jsonl",
+                 meta("2025-01-31T04:00:00Z", r.id, r.folder) + prompt(r.last), at(r.last));
+    }
+    std::vector<AgentSession> processes;
+    for (const Process& p : c.processes) {
+      AgentSession process;
+      process.pid = p.pid;
+      process.tool = kCodex;
+      process.folder = p.folder;
+      process.started = at(p.started);
+      process.processCount = 3;
+      processes.push_back(process);
+    }
+    AgentSession claude = processes.back();  // another tool's process is never paired
+    claude.pid = 99;
+    claude.tool = kClaudeCode;
+    processes.push_back(claude);
+    CodexRefresh got = CodexReader(home.root, utcDayStart).refresh(processes, now);
+    std::map<std::string, int32_t> paired;
+    for (const AgentCard& card : got.cards) {
+      EXPECT_EQ(card.live, card.pid.has_value()) << card.id;
+      if (card.live) paired[card.id] = *card.pid;
+    }
+    EXPECT_EQ(paired, c.paired);
   }
-  AgentSession claude = processes.back();  // another tool's process in the same folder
-  claude.tool = kClaudeCode;
-  claude.folder = "/w/idle";
-  processes.push_back(claude);
+}
 
-  CodexRefresh got = reader().refresh(processes, now);
-  ASSERT_EQ(got.cards.size(), std::size(cases));
-  EXPECT_EQ(got.cards.front().id, "five-seconds");  // most recent first
-  for (const Case& c : cases) {
-    auto card = std::find_if(got.cards.begin(), got.cards.end(),
-                             [&](const AgentCard& a) { return a.id == c.id; });
-    ASSERT_NE(card, got.cards.end());
-    EXPECT_EQ(card->live, c.live) << c.id;
-    EXPECT_EQ(card->working, c.working) << c.id;
-    EXPECT_EQ(card->pid.has_value(), c.live) << c.id;
-    EXPECT_EQ(card->processCount, c.live ? 3 : 0) << c.id;
-  }
+TEST_F(CodexReaderTest, WorkingWhileTheLastRecordIsUnderTenSecondsOld) {
+  const Date now = at("2025-01-31T12:00:00Z");
+  home.write("2025/01/31", "busy.jsonl", prompt("2025-01-31T11:59:55Z"), now);
+  home.write("2025/01/31", "idle.jsonl", prompt("2025-01-31T11:59:45Z"), now);
+  CodexRefresh got = reader().refresh({}, now);
+  ASSERT_EQ(got.cards.size(), 2u);
+  EXPECT_EQ(got.cards[0].id, "busy");  // most recent first
+  EXPECT_TRUE(got.cards[0].working);
+  EXPECT_FALSE(got.cards[1].working);
+}
+
+// A session resumed days later appends to its file in the folder of the day it began.
+TEST_F(CodexReaderTest, ASessionResumedAfterWeeksIsFoundByItsFilesTime) {
+  const Date now = at("2025-01-31T12:00:00Z");
+  home.write("2024/12/20", "resumed.jsonl",
+             meta("2024-12-20T10:00:00Z", "resumed", "/w/a") +
+                 usage("2024-12-20T11:00:00Z", 1000, 0, 100) + prompt("2025-01-31T11:00:00Z") +
+                 usage("2025-01-31T11:05:00Z", 1300, 0, 150),
+             at("2025-01-31T11:05:00Z"));
+  home.write("2024/12/21", "untouched.jsonl",
+             meta("2024-12-21T10:00:00Z", "untouched", "/w/b") + prompt("2024-12-21T10:01:00Z"),
+             at("2024-12-21T10:01:00Z"));
+  CodexReader r = reader();
+  CodexRefresh got = r.refresh({}, now);
+  EXPECT_EQ(got.today, tokens(300, 50, 0));
+  EXPECT_EQ(got.sessionsToday, 1);
+  ASSERT_EQ(got.cards.size(), 1u);
+  EXPECT_EQ(got.cards[0].id, "resumed");
+
+  // A day folder listed before is looked at again once a file is added to it.
+  home.write("2024/12/21", "later.jsonl",
+             meta("2024-12-21T12:00:00Z", "later", "/w/c") + prompt("2025-01-31T11:30:00Z"),
+             at("2025-01-31T11:30:00Z"));
+  EXPECT_EQ(r.refresh({}, now).sessionsToday, 2);
 }
 
 TEST_F(CodexReaderTest, NewestPlanAcrossFiles) {

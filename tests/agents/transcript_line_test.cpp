@@ -62,6 +62,9 @@ INSTANTIATE_TEST_SUITE_P(
         LineRow{"Prompt", test::user(R"("hello")"), Type::user, true},
         LineRow{"ToolResult", test::user(R"([{"type":"tool_result","content":"x"}])"), Type::user},
         LineRow{"Meta", test::user(R"("x")", "2025-01-31T10:00:00Z", true), Type::user},
+        LineRow{"ImageAndText", test::user(R"([{"type":"image"},{"type":"text","text":"x"}])"),
+                Type::user, true},
+        LineRow{"ContentNeitherTextNorList", test::user("42"), Type::user},
         // A huge string is emptied before parsing; the record is still understood.
         LineRow{"LongPrompt", test::user("\"" + kHuge + "\""), Type::user, true},
         LineRow{"LongToolInput",

@@ -112,7 +112,9 @@ TEST_F(ModelQuitTest, OnlyAppsThePersonMayQuitGetARequest) {
 }
 
 TEST_F(ModelQuitTest, ARequestWaitsForConfirmationAndIsCarriedOutOnce) {
+  // An application with a bundle is asked to quit as a whole; its helper gets the signal.
   AppUsage xcode = app("Xcode", {9001, 9002});
+  xcode.bundlePath = "/Applications/Xcode.app";
   receive({{xcode, kMe}});
   model->confirmQuit(xcode);
   ASSERT_TRUE(model->quitRequest());

@@ -1,14 +1,16 @@
 #include "base/files.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
-
-#include "base/paths.hpp"
 
 namespace vistrel {
 namespace {
@@ -44,9 +46,6 @@ TEST(Files, ReadFileCases) {
   EXPECT_FALSE(readFile(joinPath(dir.path, "missing"), buffer));
   EXPECT_EQ(buffer, "");
   EXPECT_FALSE(readFile(dir.path, buffer));  // a folder is not a file
-  // The kernel's own files report size 0 yet have contents.
-  EXPECT_TRUE(readFile("/proc/self/stat", buffer));
-  EXPECT_FALSE(buffer.empty());
 }
 
 TEST(Files, NumbersAndLines) {
@@ -99,25 +98,30 @@ TEST(Files, FoldersLinksAndPaths) {
   for (const auto& l : lasts) EXPECT_EQ(lastComponent(l.path), l.last);
 }
 
-TEST(Paths, FollowHomeAndXdgVariables) {
-  std::string oldHome = getenv("HOME") ? getenv("HOME") : "";
-  setenv("HOME", "/home/tester", 1);
-  unsetenv("XDG_DATA_HOME");
-  unsetenv("XDG_CONFIG_HOME");
-  EXPECT_EQ(homeFolder(), "/home/tester");
-#ifdef __APPLE__
-  EXPECT_EQ(supportFolder(), "/home/tester/Library/Application Support/Vistrel");
-#else
-  EXPECT_EQ(supportFolder(), "/home/tester/.local/share/Vistrel");
-  EXPECT_EQ(configFolder(), "/home/tester/.config/vistrel");
-  setenv("XDG_DATA_HOME", "/data", 1);
-  setenv("XDG_CONFIG_HOME", "relative/ignored", 1);
-  EXPECT_EQ(supportFolder(), "/data/Vistrel");
-  EXPECT_EQ(configFolder(), "/home/tester/.config/vistrel");
-  unsetenv("XDG_DATA_HOME");
-  unsetenv("XDG_CONFIG_HOME");
-#endif
-  setenv("HOME", oldHome.c_str(), 1);
+// The platform's own field is read, to the nanosecond, for dates on both sides of 1970.
+TEST(Files, ModificationTimeToTheNanosecond) {
+  TempFolder dir;
+  dir.write("f", "x");
+  const std::string path = joinPath(dir.path, "f");
+  struct Case {
+    int64_t seconds;
+    int64_t nanoseconds;
+  } cases[] = {{1'700'000'000, 123'456'789}, {0, 1}, {4'102'444'800, 999'999'999}, {-86'400, 5}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.seconds);
+    const timespec times[2] = {{static_cast<time_t>(c.seconds), static_cast<long>(c.nanoseconds)},
+                               {static_cast<time_t>(c.seconds), static_cast<long>(c.nanoseconds)}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    struct stat info {};
+    ASSERT_EQ(::stat(path.c_str(), &info), 0);
+    // Some file systems keep coarser times: compare with what the kernel reports in seconds.
+    ASSERT_EQ(static_cast<int64_t>(info.st_mtime), c.seconds);
+    const int64_t ns = modifiedNanoseconds(info);
+    EXPECT_EQ(ns / 1'000'000'000 - (ns % 1'000'000'000 < 0 ? 1 : 0), c.seconds);
+    EXPECT_LE(std::abs(ns - (c.seconds * 1'000'000'000 + c.nanoseconds)), 1'000'000'000);
+    EXPECT_EQ(modifiedDate(info).time_since_epoch(),
+              std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(ns)));
+  }
 }
 
 }  // namespace

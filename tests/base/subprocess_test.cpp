@@ -2,7 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace vistrel {
 namespace {
@@ -36,7 +42,7 @@ TEST(Subprocess, Cases) {
        3,
        "out\n"},
       {"no stdin means end of input", "/bin/cat", {}, std::nullopt, true, 0, ""},
-      {"child ignores its input", "/bin/true", {}, big, true, 0, ""},
+      {"child ignores its input", "/usr/bin/true", {}, big, true, 0, ""},
       {"missing program", "/nonexistent/program", {}, std::nullopt, false, -1, ""},
       {"missing program in PATH", "vistrel-no-such-tool", {}, std::nullopt, false, -1, ""},
   };
@@ -58,6 +64,40 @@ TEST(Subprocess, OutputBeyondTheCapIsDroppedWithoutBlockingTheChild) {
   EXPECT_TRUE(result.started);
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_EQ(result.output.size(), 1000u);
+}
+
+TEST(Subprocess, EnvironmentIsInheritedWithAdditionsAndReplacements) {
+  ::setenv("VISTREL_TEST_INHERITED", "kept", 1);
+  ::setenv("LC_ALL", "de_DE.UTF-8", 1);
+  const auto result = runSubprocess(
+      "/bin/sh", {"-c", "printf '%s %s %s' \"$VISTREL_TEST_INHERITED\" \"$LC_ALL\" \"$ADDED\""},
+      std::nullopt, 1 << 20, {"LC_ALL=C", "ADDED=a=b"});
+  ::unsetenv("VISTREL_TEST_INHERITED");
+  ::unsetenv("LC_ALL");
+  EXPECT_EQ(result.output, "kept C a=b");
+}
+
+// A descriptor this process opened without close-on-exec (or has not marked yet, as another
+// thread between socket() and fcntl()) does not reach the child.
+TEST(Subprocess, ChildInheritsOnlyItsStandardStreams) {
+  // A free descriptor the shell can name in a redirection (one digit).
+  int probe = 9;
+  while (probe > 2 && ::fcntl(probe, F_GETFD) != -1) --probe;
+  if (probe == 2) GTEST_SKIP() << "descriptors 3 to 9 are all in use";
+  const int file = ::open("/dev/null", O_WRONLY);
+  ASSERT_GE(file, 0);
+  ASSERT_EQ(::dup2(file, probe), probe);  // dup2 leaves close-on-exec off
+  if (file != probe) ::close(file);
+  ASSERT_EQ(::fcntl(probe, F_GETFD) & FD_CLOEXEC, 0);
+  const std::string n = std::to_string(probe);
+  const std::string test =
+      "if { true >&" + n + "; } 2>/dev/null; then echo inherited; else echo closed; fi";
+  const auto result = runSubprocess("/bin/sh", {"-c", test});
+  ::close(probe);
+  EXPECT_EQ(result.output, "closed\n");
+  // The probe itself tells an open descriptor from a closed one.
+  EXPECT_EQ(runSubprocess("/bin/sh", {"-c", "exec " + n + ">/dev/null; " + test}).output,
+            "inherited\n");
 }
 
 }  // namespace

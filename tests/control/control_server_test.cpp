@@ -3,16 +3,21 @@
 
 #include "control/control_server.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -210,6 +215,61 @@ TEST_F(ControlServerTest, PathOver103BytesBindsTheCutPathAndClientsReachIt) {
   EXPECT_FALSE(std::filesystem::exists(path.substr(0, 103)));
 }
 
+// MCP clients start `--mcp` with HOME and PATH and little else: the socket's place must not move
+// with the XDG variables the application may have been started with.
+TEST(ControlSocketPath, DependsOnTheHomeFolderAloneAndAlwaysFitsTheAddress) {
+  struct Saved {
+    const char* name;
+    std::optional<std::string> value;
+  };
+  std::vector<Saved> saved;
+  for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME"}) {
+    const char* v = std::getenv(name);
+    saved.push_back({name, v ? std::optional<std::string>(v) : std::nullopt});
+  }
+  const std::string longHome = "/home/" + std::string(120, 'h');
+  struct Case {
+    const char* name;
+    std::string home;
+    std::vector<std::pair<const char*, const char*>> xdg;
+  } cases[] = {
+      {"no XDG variables", "/home/ada", {}},
+      {"XDG folders moved",
+       "/home/ada",
+       {{"XDG_DATA_HOME", "/srv/data"},
+        {"XDG_RUNTIME_DIR", "/run/user/1000"},
+        {"XDG_CONFIG_HOME", "/srv/config"}}},
+      {"a home too deep for the address", longHome, {}},
+      {"a home too deep, XDG moved", longHome, {{"XDG_DATA_HOME", "/d"}}},
+  };
+  std::map<std::string, std::string> pathOfHome;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ::setenv("HOME", c.home.c_str(), 1);
+    for (const char* name : {"XDG_DATA_HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME"}) {
+      ::unsetenv(name);
+    }
+    for (const auto& [name, value] : c.xdg) ::setenv(name, value, 1);
+    const std::string path = ControlSocket::path();
+    EXPECT_LE(path.size(), ControlSocket::kMaxPathBytes);
+    EXPECT_TRUE(path.ends_with("/control.sock")) << path;
+    if (c.home == longHome) {
+      EXPECT_EQ(path, ControlSocket::fallbackPath(::getuid()));
+    } else {
+      EXPECT_TRUE(path.starts_with(c.home + "/")) << path;
+    }
+    auto [at, inserted] = pathOfHome.emplace(c.home, path);
+    EXPECT_EQ(at->second, path) << "the same home gives the same socket";
+  }
+  for (const auto& s : saved) {
+    if (s.value) {
+      ::setenv(s.name, s.value->c_str(), 1);
+    } else {
+      ::unsetenv(s.name);
+    }
+  }
+}
+
 TEST_F(ControlServerTest, StartingTwiceKeepsOneListenerAndASecondServerRefuses) {
   ASSERT_TRUE(make().start());
   struct stat first {
@@ -286,6 +346,64 @@ TEST_F(ControlServerTest, ClientsThatCloseEarlyOrVanishLeaveTheServerAnswering) 
   }
   { OwnedFd half = stalled("{\"tool\":\"history\""); }
   EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");
+}
+
+// A connection accepted but impossible to set up (macOS: SO_NOSIGPIPE fails with EINVAL once the
+// client has closed) is that client's loss; the server goes on answering others.
+TEST_F(ControlServerTest, AConnectionThatCannotBeSetUpIsDroppedAndTheServerListens) {
+  std::atomic<int> accepted{0};
+  ControlServerLimits limits;
+  limits.accept = [&accepted](int listener) {
+    const int fd = acceptUnixConnection(listener);
+    if (fd >= 0 && accepted++ == 0) {
+      errno = EINVAL;  // what the set-up call reported
+      return dropAcceptedConnection(fd);
+    }
+    return fd;
+  };
+  make(limits).start();
+  {
+    OwnedFd gone(ControlSocket::connect(path, kClientWait));
+    ASSERT_TRUE(gone);
+    ControlSocket::sendAll(gone.get(), "{\"tool\":\"history\"}\n");
+    EXPECT_EQ(readToEnd(gone.get()), "");  // closed unanswered
+  }
+  EXPECT_TRUE(server->isListening());
+  EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");
+  EXPECT_EQ(accepted.load(), 2);
+}
+
+// Failures of accept itself that say nothing about the listener: the pending client is still
+// served once the failure has passed.
+TEST_F(ControlServerTest, PassingAcceptFailuresLeaveTheServerAnswering) {
+  for (int error : {ECONNABORTED, EINTR, EAGAIN, EPROTO, EMFILE, ENOBUFS}) {
+    SCOPED_TRACE(std::strerror(error));
+    std::atomic<int> calls{0};
+    ControlServerLimits limits;
+    limits.accept = [&calls, error](int listener) {
+      if (calls++ == 0) {
+        errno = error;
+        return -1;
+      }
+      return acceptUnixConnection(listener);
+    };
+    make(limits).start();
+    EXPECT_EQ(ask(R"({"tool":"history"})"), "off:{}");
+    EXPECT_GE(calls.load(), 2);
+    server.reset();
+  }
+}
+
+TEST(ControlSocketTest, DroppingAnAcceptedConnectionClosesItAndReportsAnAbort) {
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  errno = EINVAL;
+  EXPECT_EQ(dropAcceptedConnection(fds[0]), -1);
+  EXPECT_EQ(errno, ECONNABORTED);
+  EXPECT_EQ(::fcntl(fds[0], F_GETFD), -1);  // closed
+  char byte;
+  EXPECT_EQ(::recv(fds[1], &byte, 1, 0), 0);  // the peer sees the end
+  ::close(fds[1]);
 }
 
 TEST_F(ControlServerTest, LineOverOneMebibyteIsRefusedAndClosedButOneMebibyteIsServed) {

@@ -54,6 +54,7 @@ ProcessSample process(int32_t pid, int32_t ppid, uint32_t uid = kMe) {
 
 AppUsage app(std::string name, std::vector<int32_t> pids) {
   AppUsage a;
+  a.bundlePath = "/Applications/" + name + ".app";
   a.name = std::move(name);
   a.pids = std::move(pids);
   return a;
@@ -61,7 +62,11 @@ AppUsage app(std::string name, std::vector<int32_t> pids) {
 
 TEST(QuitRequestTest, CanQuitRulesApplyInOrder) {
   const std::string finder = "/System/Library/CoreServices/Finder.app";
-  QuitContext context{kSelf, kMe, [&](const std::string& p) { return p == finder; }};
+  const std::string safari = "/System/Volumes/Preboot/Cryptexes/App/System/Applications/Safari.app";
+  const std::string webKit =
+      "/System/Volumes/Preboot/Cryptexes/OS/System/Library/CoreServices/WebKitHelper.app";
+  QuitContext context{
+      kSelf, kMe, [&](const std::string& p) { return p == finder || p == safari || p == webKit; }};
   const std::vector<ProcessSample> mine = {process(10, 1), process(11, 10), process(kSelf, 1)};
   const std::vector<ProcessSample> mixed = {process(10, 1), process(11, 10, 0)};
   struct Case {
@@ -80,6 +85,10 @@ TEST(QuitRequestTest, CanQuitRulesApplyInOrder) {
        "/System/Library/CoreServices/Ghost.app", mine, QuitRefusal::none},
       {"apps under /System/Applications are the person's", app("Mail", {10}), false,
        "/System/Applications/Mail.app", mine, QuitRefusal::none},
+      {"Safari from its cryptex is an ordinary app", app("Safari", {10}), false, safari, mine,
+       QuitRefusal::none},
+      {"the system cryptex is the system's", app("WebKitHelper", {10}), false, webKit, mine,
+       QuitRefusal::macOSBundle},
       {"macOS bundle before no processes", app("Finder", {}), false, finder, mine,
        QuitRefusal::macOSBundle},
       {"no processes", app("Empty", {}), false, std::nullopt, mine, QuitRefusal::noProcesses},
@@ -105,19 +114,9 @@ TEST(QuitRequestTest, CanQuitRulesApplyInOrder) {
   }
 }
 
-TEST(QuitRequestTest, TitlesAndDialogTexts) {
+// Every request is new: a second one for the same app has its own id.
+TEST(QuitRequestTest, EachRequestHasItsOwnId) {
   QuitRequest a = QuitRequest::forApp(app("Xcode", {10}));
-  EXPECT_EQ(a.title(), "Quit Xcode?");
-  EXPECT_EQ(a.message(), "Xcode will be asked to quit, like choosing Quit from its menu.");
-  EXPECT_EQ(QuitRequest::forceQuitNote(),
-            "Force quit closes it at once. Anything unsaved is lost.");
-  ASSERT_NE(a.app(), nullptr);
-  EXPECT_EQ(a.agent(), nullptr);
-  QuitRequest s = QuitRequest::forAgent("Claude Code", "~/code/vistrel");
-  EXPECT_EQ(s.title(), "End this Claude Code session?");
-  EXPECT_EQ(s.message(), "This ends the session in ~/code/vistrel and everything it started.");
-  EXPECT_EQ(s.app(), nullptr);
-  // Every request is new: a second one for the same app has its own id.
   QuitRequest again = QuitRequest::forApp(app("Xcode", {10}));
   EXPECT_EQ(a.id.size(), 36u);
   EXPECT_NE(a.id, again.id);
@@ -151,6 +150,43 @@ TEST(QuitRequestTest, PerformingAnAppRequest) {
     EXPECT_EQ(outcome, (QuitOutcome{1, 3}));
     EXPECT_EQ(quitToast(request, c.force, outcome), c.toast);
   }
+}
+
+// A script or server grouped under its name has no running application to ask: on macOS the
+// workspace would find none and nothing would end. Its processes get the signal directly.
+TEST(QuitRequestTest, AToolWithoutABundleIsSignalledLikeHelpers) {
+  Snapshot latest;
+  latest.processes = {process(100, 1), process(101, 100), process(102, 101), process(200, 1),
+                      process(kSelf, 100)};
+  AppUsage server = app("vite", {100, 101, 150});  // 150 has exited
+  server.bundlePath.reset();
+  struct Case {
+    bool force;
+    int signal;
+    std::string toast;
+  } cases[] = {{false, SIGTERM, "Asked vite to quit."}, {true, SIGKILL, "Force quit vite."}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.force);
+    RecordingSignals signals;
+    RecordingQuitter apps;
+    auto request = QuitRequest::forApp(server);
+    const QuitOutcome outcome = performQuit(request, c.force, latest, apps, signals, kSelf);
+    EXPECT_TRUE(apps.calls.empty());
+    // Its own processes, then their children, each once; never this application.
+    const std::vector<std::pair<int32_t, int>> expected = {
+        {100, c.signal}, {101, c.signal}, {102, c.signal}};
+    EXPECT_EQ(signals.sent, expected);
+    EXPECT_EQ(outcome, (QuitOutcome{0, 3}));
+    EXPECT_EQ(quitToast(request, c.force, outcome), c.toast);
+  }
+  // Already gone: nothing is signalled and the toast says so.
+  RecordingSignals signals;
+  RecordingQuitter apps;
+  server.pids = {150};
+  auto gone = QuitRequest::forApp(server);
+  EXPECT_EQ(quitToast(gone, false, performQuit(gone, false, latest, apps, signals, kSelf)),
+            "vite had already quit.");
+  EXPECT_TRUE(signals.sent.empty());
 }
 
 TEST(QuitRequestTest, AnAppThatHasQuitIsNotFound) {

@@ -12,7 +12,21 @@
 #include <string>
 #include <vector>
 
+#include "format/platform_text.hpp"
+
 namespace vistrel::testing {
+
+// What puts the executable's home at `home`: HOME, and CFFIXED_USER_HOME, which CoreFoundation on
+// macOS reads instead (its preferences would otherwise land in the person's real ones).
+inline std::vector<std::string> homeEnvironment(const std::string& home) {
+  return {"HOME=" + home, "CFFIXED_USER_HOME=" + home, "PATH=/usr/bin:/bin"};
+}
+
+// The support folder the executable uses under `home` when its environment names no other.
+inline std::string supportFolderUnder(const std::string& home) {
+  return home +
+         (runningOnLinux() ? "/.local/share/Vistrel" : "/Library/Application Support/Vistrel");
+}
 
 // A started executable; the test holds the other ends of its standard streams.
 struct Running {

@@ -10,9 +10,15 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "control/control_socket.hpp"
+#include "integration/binary_run.hpp"
 
 extern char** environ;
 
@@ -70,7 +76,7 @@ struct Child {
 Child launch(std::vector<std::string> args, std::vector<std::string> extraEnv) {
   char tmpl[] = "/tmp/vistrel-home-XXXXXX";
   std::string home = ::mkdtemp(tmpl);
-  std::vector<std::string> env = {"HOME=" + home, "PATH=/usr/bin:/bin"};
+  std::vector<std::string> env = testing::homeEnvironment(home);
   for (auto& e : extraEnv) env.push_back(e);
   std::vector<char*> envp;
   for (auto& e : env) envp.push_back(e.data());
@@ -131,6 +137,65 @@ TEST(HeadlessApplication, McpModeEndsQuietlyWithItsInput) {
     EXPECT_EQ(app.wait(), 0) << args.front();
     EXPECT_EQ(app.stderrText, "") << args.front();
   }
+}
+
+// The processes of this user running the executable in application mode with HOME set to `home`.
+int applicationsWithHome(const std::string& home) {
+  namespace fs = std::filesystem;
+  const fs::path binary = fs::canonical(VISTREL_BINARY);
+  int count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    std::error_code error;
+    if (fs::read_symlink(entry.path() / "exe", error) != binary || error) continue;
+    std::ifstream environFile(entry.path() / "environ"), cmdlineFile(entry.path() / "cmdline");
+    std::stringstream environText, cmdlineText;
+    environText << environFile.rdbuf();
+    cmdlineText << cmdlineFile.rdbuf();
+    const std::string environ = '\0' + environText.str();
+    if (environ.find(std::string("\0HOME=") + home + '\0') == std::string::npos) continue;
+    if (cmdlineText.str().find("--mcp") != std::string::npos) continue;
+    ++count;
+  }
+  return count;
+}
+
+// An MCP client passes `--mcp` little more than HOME and PATH. An application started with its
+// XDG folders moved is still the one it reaches, and its very first status call is answered,
+// however soon after the application opened its socket.
+TEST(HeadlessApplication, AReducedEnvironmentsMcpReachesAnApplicationWithXdgFoldersMoved) {
+  if (!std::filesystem::exists("/proc/self/exe")) GTEST_SKIP() << "counts processes in /proc";
+  char tmpl[] = "/tmp/vistrel-xdg-XXXXXX";
+  const std::string elsewhere = ::mkdtemp(tmpl);
+  Child app = launch(
+      {}, {"XDG_DATA_HOME=" + elsewhere + "/data", "XDG_CONFIG_HOME=" + elsewhere + "/config",
+           "XDG_RUNTIME_DIR=" + elsewhere + "/run"});
+  const std::string socket = app.home + "/.local/share/Vistrel/control.sock";
+  bool listening = false;
+  for (int i = 0; i < 6000 && !listening; ++i) {  // polled tightly: the first call comes cold
+    listening = std::filesystem::is_socket(socket);
+    if (!listening) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_TRUE(listening) << app.stderrText;
+
+  const std::string input =
+      R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})"
+      "\n"
+      R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"status","arguments":{}}})"
+      "\n";
+  testing::BinaryRun mcp =
+      testing::runBinary(VISTREL_BINARY, {"--mcp"},
+                         {"HOME=" + app.home, "PATH=/usr/bin:/bin", "USER=tester", "LOGNAME=tester",
+                          "SHELL=/bin/sh", "TERM=dumb"},
+                         input);
+  EXPECT_EQ(mcp.status, 0) << mcp.errors;
+  EXPECT_NE(mcp.output.find(R"("isError":false)"), std::string::npos) << mcp.output;
+  EXPECT_NE(mcp.output.find("summary"), std::string::npos) << mcp.output;
+  EXPECT_EQ(applicationsWithHome(app.home), 1) << "no second application was started";
+  EXPECT_FALSE(std::filesystem::exists(elsewhere + "/data/Vistrel/control.sock"));
+
+  ::kill(app.pid, SIGTERM);
+  EXPECT_EQ(app.wait(), 0) << app.stderrText;
+  std::filesystem::remove_all(elsewhere);
 }
 
 }  // namespace

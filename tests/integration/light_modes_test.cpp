@@ -40,7 +40,7 @@ class LightModes : public ::testing::Test {
   void TearDown() override { fs::remove_all(folder_); }
 
   std::vector<std::string> environment() const {
-    return {"HOME=" + folder_ + "/home", "PATH=/usr/bin:/bin"};
+    return testing::homeEnvironment(folder_ + "/home");
   }
   // As if a display were there: Qt's offscreen platform counts as one, so the window would load.
   std::vector<std::string> displayEnvironment() const {
@@ -109,7 +109,7 @@ TEST_F(LightModes, NeverMapTheApplicationsLibraries) {
   EXPECT_EQ(mcp.finish(output, errors), 0) << errors;
   ASSERT_FALSE(maps.empty());
   for (const char* library :
-       {"libsqlite3", "libsimdjson", "vistrel-application", "vistrel-ui", "libQt6"}) {
+       {"libsqlite3", "libsimdjson", "libzstd", "vistrel-application", "vistrel-ui", "libQt6"}) {
     EXPECT_EQ(maps.find(library), std::string::npos) << library << " mapped by --mcp:\n" << maps;
   }
 
@@ -179,6 +179,13 @@ TEST_F(LightModes, WithoutTheWindowModuleTheApplicationRunsHeadless) {
          return env;
        }(),
        "not running"},
+      {"the service's setting",
+       [this] {
+         auto env = displayEnvironment();
+         env.push_back("VISTREL_HEADLESS=1");
+         return env;
+       }(),
+       "VISTREL_HEADLESS is set"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -252,7 +259,7 @@ TEST_F(LightModes, TheApplicationWithoutAUsableModuleEndsWithAClearError) {
         << errors;
     EXPECT_NE(errors.find(c.expected), std::string::npos) << errors;
     // Nothing of the application ran: no support folder was made.
-    EXPECT_FALSE(fs::exists(folder_ + "/home/.local/share/Vistrel/history.sqlite"));
+    EXPECT_FALSE(fs::exists(testing::supportFolderUnder(folder_ + "/home") + "/history.sqlite"));
   }
   // The light modes do not care.
   std::string output, errors;

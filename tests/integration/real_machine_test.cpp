@@ -44,12 +44,20 @@ TEST(RealMachine, BusyLoopShowsInCpuTotal) {
   EXPECT_GT(stat.performanceCores + stat.efficiencyCores, 0);
 }
 
-TEST(RealMachine, MemoryTotalIsMemTotal) {
+// The total is the system's own: physical pages times the page size, which is MemTotal on Linux
+// and hw.memsize on macOS (both whole pages).
+TEST(RealMachine, MemoryTotalIsThePhysicalMemory) {
   MemoryReader reader(makeMemorySource());
   MemoryStat stat = reader.read();
-  auto info = parseMeminfo(readFile("/proc/meminfo").value_or(""));
-  ASSERT_TRUE(info.memTotal);
-  EXPECT_EQ(stat.total, *info.memTotal);
+  const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);
+  ASSERT_GT(pages, 0);
+  ASSERT_GT(pageSize, 0);
+  EXPECT_EQ(stat.total, static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize));
+  if (auto meminfo = readFile("/proc/meminfo")) {
+    auto info = parseMeminfo(*meminfo);
+    ASSERT_TRUE(info.memTotal);
+    EXPECT_EQ(stat.total, *info.memTotal);
+  }
   EXPECT_GT(stat.app, 0u);
   EXPECT_LE(stat.used(), stat.total);
   EXPECT_EQ(stat.free, stat.total - stat.used());

@@ -51,8 +51,8 @@ TEST(StatusLineMode, StoresThePayloadAndPrintsTheShortLine) {
     SCOPED_TRACE(c.name);
     char tmpl[] = "/tmp/vistrel-statusline-XXXXXX";
     fs::path home = ::mkdtemp(tmpl);
-    testing::BinaryRun run = testing::runBinary(
-        VISTREL_BINARY, {"--statusline"}, {"HOME=" + home.string(), "PATH=/usr/bin:/bin"}, c.input);
+    testing::BinaryRun run = testing::runBinary(VISTREL_BINARY, {"--statusline"},
+                                                testing::homeEnvironment(home.string()), c.input);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.output, c.expectedLine);
     auto file = findFile(home, id + ".json");

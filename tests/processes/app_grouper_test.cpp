@@ -373,13 +373,17 @@ TEST(AppGrouperTest, ScriptLabelCache) {
   EXPECT_EQ(grouper.scriptLabel(script, queries), "a");  // same process life: cached
   EXPECT_EQ(queries.argumentCalls, 1);
 
+  script.path = "/usr/bin/python3.12";  // the process exec'd: same pid and start time
+  EXPECT_EQ(grouper.scriptLabel(script, queries), "b");
+  EXPECT_EQ(queries.argumentCalls, 2);
+  queries.args[60] = {"python3", "c.py"};
   script.started = dateFromSeconds(2000);  // the pid now names another process
-  EXPECT_EQ(grouper.scriptLabel(script, queries), "b");
+  EXPECT_EQ(grouper.scriptLabel(script, queries), "c");
   script.started.reset();
-  EXPECT_EQ(grouper.scriptLabel(script, queries), "b");
-  EXPECT_EQ(queries.argumentCalls, 3);
-  EXPECT_EQ(grouper.scriptLabel(script, queries), "b");  // both absent: equal
-  EXPECT_EQ(queries.argumentCalls, 3);
+  EXPECT_EQ(grouper.scriptLabel(script, queries), "c");
+  EXPECT_EQ(queries.argumentCalls, 4);
+  EXPECT_EQ(grouper.scriptLabel(script, queries), "c");  // both absent: equal
+  EXPECT_EQ(queries.argumentCalls, 4);
 
   // Nothing readable: the process's own name.
   auto unreadable = proc(61, 1, "ruby", 0, "");

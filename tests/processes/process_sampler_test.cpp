@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
 
 namespace vistrel {
@@ -22,7 +23,7 @@ struct FakeProcesses : ProcessSource {
   std::vector<PsRow> ps;
   std::map<int32_t, int32_t> responsible;
   int identityReads = 0, argumentReads = 0, psRuns = 0, gpuReads = 0, netReads = 0;
-  std::vector<int32_t> forgotten;
+  std::vector<int32_t> retained;  // the last tick's listing, as handed to retainOnly
 
   void listPids(std::vector<int32_t>& out) override {
     out.clear();
@@ -64,7 +65,7 @@ struct FakeProcesses : ProcessSource {
     return ps;
   }
   double cores() override { return 8; }
-  void forget(int32_t pid) override { forgotten.push_back(pid); }
+  void retainOnly(const std::vector<int32_t>& live) override { retained = live; }
 
   Proc& add(int32_t pid, std::string path, uint64_t startKey = 1) {
     Proc& p = procs[pid];
@@ -98,30 +99,23 @@ class ProcessSamplerTest : public ::testing::Test {
 TEST_F(ProcessSamplerTest, RatesFromCounters) {
   struct Case {
     const char* name;
-    ProcessCounters before, after;
+    std::array<uint64_t, 4> before, after;  // cpuNs, energyNj, diskRead, diskWrite
     double dt;
     double cpu, energy, read, write;
   } cases[] = {
-      {"one core busy for two seconds",
-       {0, 0, 0, 0, 0, 1},
-       {2'000'000'000, 0, 0, 0, 0, 1},
-       2,
-       100,
-       0,
-       0,
-       0},
-      {"four cores read 400", {0, 0, 0, 0, 0, 1}, {4'000'000'000, 0, 0, 0, 0, 1}, 1, 400, 0, 0, 0},
+      {"one core busy for two seconds", {0, 0, 0, 0}, {2'000'000'000, 0, 0, 0}, 2, 100, 0, 0, 0},
+      {"four cores read 400", {0, 0, 0, 0}, {4'000'000'000, 0, 0, 0}, 1, 400, 0, 0, 0},
       {"energy and disk",
-       {0, 1'000'000'000, 100, 200, 0, 1},
-       {0, 4'000'000'000, 1100, 2200, 0, 1},
+       {0, 1'000'000'000, 100, 200},
+       {0, 4'000'000'000, 1100, 2200},
        2,
        0,
        1.5,
        500,
        1000},
       {"one counter went down: only that field is 0",
-       {500, 10, 5000, 5000, 0, 1},
-       {1'000'000'500, 5, 6000, 4000, 0, 1},
+       {500, 10, 5000, 5000},
+       {1'000'000'500, 5, 6000, 4000},
        1,
        100,
        0,
@@ -132,13 +126,19 @@ TEST_F(ProcessSamplerTest, RatesFromCounters) {
     SCOPED_TRACE(c.name);
     fake->procs.clear();
     auto& p = fake->add(42, "/usr/bin/tool");
-    p.counters = c.before;
+    auto set = [&p](const std::array<uint64_t, 4>& c) {
+      p.counters.cpuNs = c[0];
+      p.counters.energyNj = c[1];
+      p.counters.diskRead = c[2];
+      p.counters.diskWrite = c[3];
+    };
+    set(c.before);
     auto first = tick();
     ASSERT_EQ(first.count(42), 1u);
     EXPECT_EQ(first[42].cpu, 0);  // first sight: no rate
     EXPECT_EQ(first[42].diskRead, 0);
     clock.advance(c.dt);
-    p.counters = c.after;
+    set(c.after);
     auto second = tick();
     EXPECT_DOUBLE_EQ(second[42].cpu, c.cpu);
     EXPECT_DOUBLE_EQ(second[42].energy, c.energy);
@@ -163,21 +163,43 @@ TEST_F(ProcessSamplerTest, SameInstantGivesNoRate) {
   EXPECT_DOUBLE_EQ(tick()[7].cpu, 100);
 }
 
-TEST_F(ProcessSamplerTest, IdentityOncePerProcessLifeAndAgainForAReusedPid) {
-  auto& p = fake->add(9, "/usr/bin/first", 111);
+TEST_F(ProcessSamplerTest, IdentityIsReadOncePerProgramAProcessRuns) {
+  auto& p = fake->add(9, "/usr/bin/bash", 111);
+  p.counters.program = "python3";  // a pyenv shim: a bash script named python3
   p.counters.memory = 4096;
   auto a = tick();
   tick();
-  tick();
   EXPECT_EQ(fake->identityReads, 1);
-  EXPECT_EQ(a[9].name, "first");
+  EXPECT_EQ(a[9].name, "bash");
   EXPECT_EQ(a[9].memory, 4096u);
-  // The pid is reused by another program: new start key, identity read again.
-  p.identity.path = "/usr/bin/second";
-  p.counters.startKey = 222;
-  auto b = tick();
-  EXPECT_EQ(fake->identityReads, 2);
-  EXPECT_EQ(b[9].name, "second");
+  struct Step {
+    const char* what;
+    std::string path, program;
+    uint64_t startKey;
+    int reads;
+    std::string name;
+  } steps[] = {
+      // exec keeps the pid and the start time; the kernel's short name tells.
+      {"the shim execs pyenv", "/usr/bin/bash", "pyenv", 111, 2, "bash"},
+      {"which execs the real interpreter", "/home/u/.pyenv/versions/3.12.1/bin/python3.12",
+       "python3.12", 111, 3, "python3.12"},
+      {"nothing changed", "/home/u/.pyenv/versions/3.12.1/bin/python3.12", "python3.12", 111, 3,
+       "python3.12"},
+      {"the pid names another process", "/usr/bin/second", "second", 222, 4, "second"},
+      {"no short name reported (macOS): the start key alone decides", "/usr/bin/third", "", 222, 5,
+       "third"},
+      {"and an empty one stays empty", "/usr/bin/fourth", "", 222, 5, "third"},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    p.identity.path = step.path;
+    p.counters.program = step.program;
+    p.counters.startKey = step.startKey;
+    clock.advance(2);
+    auto s = tick();
+    EXPECT_EQ(fake->identityReads, step.reads);
+    EXPECT_EQ(s[9].name, step.name);
+  }
 }
 
 TEST_F(ProcessSamplerTest, Names) {
@@ -316,8 +338,7 @@ TEST_F(ProcessSamplerTest, PruningForgetsDeadPids) {
   EXPECT_EQ(sizes.info, 3u);
   EXPECT_EQ(sizes.gpuLast, 0u);
   EXPECT_EQ(sizes.gpuShare, 3u);
-  std::sort(fake->forgotten.begin(), fake->forgotten.end());
-  EXPECT_EQ(fake->forgotten, (std::vector<int32_t>{4, 5}));
+  EXPECT_EQ(fake->retained, (std::vector<int32_t>{1, 2, 3}));  // the source lets go every tick
 
   // More than 200 dead entries force a sweep whatever the draw.
   draw = 7;

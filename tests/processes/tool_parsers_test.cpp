@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/files.hpp"
 #include "processes/app_bundles.hpp"
 #include "processes/process_parsers.hpp"
 
@@ -85,11 +86,49 @@ TEST(ParseNettop, Table) {
       {"carriage returns and blank lines",
        ",bytes_in,bytes_out,\r\n\r\n\nb.8,4,5\r\n",
        {{8, {4, 5}}}},
+      {"a time column first, as through a pipe",
+       "time,,bytes_in,bytes_out,\n09:00:01.5,a.7,1,2,\n09:00:01.5,b.8,3,4,\n",
+       {{7, {1, 2}}, {8, {3, 4}}}},
+      {"columns found by name in any order",
+       "bytes_out,time,,bytes_in,\n20,09:00,a.7,10,\n",
+       {{7, {10, 20}}}},
+      {"a comma inside the name moves the later columns",
+       "time,,bytes_in,bytes_out,\nt,weird,name.55,7,8,\n",
+       {{55, {7, 8}}}},
+      {"a header without both byte columns starts nothing",
+       "time,,bytes_in,packets,\nt,a.7,1,2,\n",
+       {}},
+      {"a header with no untitled column starts nothing",
+       "time,name,bytes_in,bytes_out\nt,a.7,1,2\n",
+       {}},
+      {"byte columns before the name, and a line too short for the name",
+       "bytes_in,bytes_out,,\n1,2,a.7,\n3,4\n",
+       {{7, {1, 2}}}},
+      {"a repeated header re-reads the columns",
+       ",bytes_in,bytes_out,\na.7,1,2,\ntime,,bytes_in,bytes_out,\nt,b.8,3,4,\n",
+       {{7, {1, 2}}, {8, {3, 4}}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(parseNettop(c.text), c.expected);
   }
+}
+
+// A real capture through a pipe (see fixtures/macos/nettop/README.md): truncated names with
+// spaces, parentheses and dots.
+TEST(ParseNettop, PipedCapture) {
+  const std::optional<std::string> text =
+      readFile(std::string(VISTREL_FIXTURES) + "/macos/nettop/piped.csv");
+  ASSERT_TRUE(text.has_value());
+  const std::unordered_map<int32_t, ProcessNetBytes> expected = {
+      {1, {0, 0}},
+      {643, {1365955260, 169462654}},
+      {1579, {485213, 201259}},
+      {4142, {1336510272, 7263736}},
+      {26260, {0, 0}},
+      {8578, {35690, 56971}},
+  };
+  EXPECT_EQ(parseNettop(*text), expected);
 }
 
 // A KERN_PROCARGS2 buffer as the kernel lays it out: argc in native order, then the bytes given.
@@ -212,11 +251,72 @@ TEST(OutermostApp, Table) {
       {"/Users/me/My.apps/tool", std::nullopt},
       {"/Users/me/Thing.APP/Contents/MacOS/x", std::nullopt},
       {"", std::nullopt},
+      // Safari from its cryptex (macOS 13 and later) is an ordinary app, under its real path.
+      {"/System/Volumes/Preboot/Cryptexes/App/System/Applications/Safari.app/Contents/MacOS/Safari",
+       "/System/Volumes/Preboot/Cryptexes/App/System/Applications/Safari.app"},
+      {"/System/Cryptexes/App/System/Applications/Safari.app/Contents/MacOS/Safari",
+       "/System/Cryptexes/App/System/Applications/Safari.app"},
+      // The system cryptex stands for /System/: its frameworks' bundles are not apps.
+      {"/System/Volumes/Preboot/Cryptexes/OS/System/Library/Frameworks/WebKit.framework/Versions/A/"
+       "XPCServices/com.apple.WebKit.Networking.xpc/Contents/MacOS/com.apple.WebKit.Networking",
+       std::nullopt},
+      {"/System/Volumes/Preboot/Cryptexes/OS/System/Library/CoreServices/X.app/Contents/MacOS/X",
+       "/System/Volumes/Preboot/Cryptexes/OS/System/Library/CoreServices/X.app"},
+      // Python runs from an app bundle inside its framework; its scripts keep their own labels.
+      {"/opt/homebrew/Cellar/python@3.12/3.12.4/Frameworks/Python.framework/Versions/3.12/"
+       "Resources/Python.app/Contents/MacOS/Python",
+       std::nullopt},
+      {"/Library/Frameworks/Python.framework/Versions/3.12/Resources/Python.app/Contents/MacOS/"
+       "Python",
+       std::nullopt},
+      {"/Library/Developer/CommandLineTools/Library/Frameworks/Python3.framework/Versions/3.9/"
+       "Resources/Python.app/Contents/MacOS/Python",
+       std::nullopt},
+      // A helper app inside a framework inside an app still belongs to the outer app.
+      {"/Applications/Google Chrome.app/Contents/Frameworks/Google Chrome Framework.framework/"
+       "Versions/120.0/Helpers/Google Chrome Helper (Renderer).app/Contents/MacOS/x",
+       "/Applications/Google Chrome.app"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
     EXPECT_EQ(outermostApp(c.path), c.app);
   }
+}
+
+TEST(OutermostApp, DisplayNamesLoseOnlyATrailingDotApp) {
+  struct Case {
+    const char* name;
+    const char* shown;
+  } cases[] = {
+      {"Safari.app", "Safari"},   {"Safari", "Safari"},
+      {"My.apps", "My.apps"},     {"Web.app Helper", "Web.app Helper"},
+      {"A.app.app", "A.app"},     {".app", ""},
+      {"Thing.APP", "Thing.APP"}, {"", ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(withoutAppSuffix(c.name), c.shown) << c.name;
+}
+
+TEST(OutermostApp, CryptexPathsReadAsTheFoldersTheyStandFor) {
+  struct Case {
+    const char* path;
+    const char* reads;
+  } cases[] = {
+      {"/System/Volumes/Preboot/Cryptexes/App/System/Applications/Safari.app",
+       "/System/Applications/Safari.app"},
+      {"/System/Cryptexes/App/System/Applications/Safari.app", "/System/Applications/Safari.app"},
+      {"/System/Volumes/Preboot/Cryptexes/OS/System/Library/Frameworks/WebKit.framework",
+       "/System/Library/Frameworks/WebKit.framework"},
+      {"/System/Cryptexes/OS/System/Library/x", "/System/Library/x"},
+      {"/System/Applications/Mail.app", "/System/Applications/Mail.app"},
+      {"/System/Volumes/Preboot/Cryptexes/Other/System/x",
+       "/System/Volumes/Preboot/Cryptexes/Other/System/x"},
+      {"/System/Volumes/Preboot/Cryptexes/App", "/System/Volumes/Preboot/Cryptexes/App"},
+      {"/System/Cryptexes", "/System/Cryptexes"},
+      {"/System/Volumes/Preboot/Cryptexes/AppX/System/y",
+       "/System/Volumes/Preboot/Cryptexes/AppX/System/y"},
+      {"", ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(withoutCryptexPrefix(c.path), c.reads) << c.path;
 }
 
 }  // namespace

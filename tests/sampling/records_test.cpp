@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace vistrel {
 namespace {
 
@@ -49,6 +51,18 @@ TEST(Snapshot, Mood) {
     s.sensors.gpu = c.gpuTemp;
     s.sensors.ssd = c.ssd;
     EXPECT_EQ(s.mood(), c.mood);
+  }
+}
+
+TEST(Snapshot, MoodLabelsAndRawValues) {
+  const std::tuple<Snapshot::Mood, const char*, const char*> moods[] = {
+      {Snapshot::Mood::calm, "All good", "calm"},
+      {Snapshot::Mood::busy, "Busy", "busy"},
+      {Snapshot::Mood::strained, "Under strain", "strained"},
+  };
+  for (const auto& [mood, text, raw] : moods) {
+    EXPECT_EQ(label(mood), text);
+    EXPECT_EQ(rawValue(mood), raw);
   }
 }
 
@@ -125,7 +139,6 @@ TEST(Metric, RawValuesRoundTripInOrder) {
     EXPECT_EQ(metricFromRaw(names[i]), kAllMetrics[i]);
   }
   EXPECT_EQ(metricFromRaw("fans"), std::nullopt);
-  EXPECT_EQ(label(Snapshot::Mood::strained), "Under strain");
 }
 
 }  // namespace

@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sampling/fakes.hpp"
@@ -37,6 +42,8 @@ struct LoggingSMC : SMCSource {
     return {{1000.0 + log.tick, 0, 5000}};
   }
   std::optional<double> systemPower() override { return 12.5; }
+  std::optional<double> package;
+  std::optional<double> packagePower() override { return package; }
 };
 struct LoggingThermal : ThermalSource {
   Log& log;
@@ -96,11 +103,15 @@ struct LoggingProcesses : ProcessStage {
     ProcessSample a, b;
     a.pid = log.tick;
     a.energy = 1.5;
+    a.cpu = 25;
     b.pid = 1000 + log.tick;
     b.energy = 2.0;
+    b.cpu = 75;
     return {a, b};
   }
   int hidden() const override { return 7; }
+  bool measured = true;
+  bool measuresEnergy() const override { return measured; }
 };
 struct TaggingAgents : AgentStage {
   std::pair<std::vector<AgentSession>, AgentRoots> sessions(
@@ -140,7 +151,9 @@ class SamplerTest : public ::testing::Test {
     diskSource = disk.get();
     parts.disk = std::move(disk);
     parts.network = std::make_unique<FakeNetwork>();
-    parts.smc = std::make_unique<LoggingSMC>(log);
+    auto smc = std::make_unique<LoggingSMC>(log);
+    smcSource = smc.get();
+    parts.smc = std::move(smc);
     parts.thermal = std::make_unique<LoggingThermal>(log);
     auto battery = std::make_unique<LoggingBattery>(log);
     batterySource = battery.get();
@@ -150,7 +163,9 @@ class SamplerTest : public ::testing::Test {
     parts.energy = std::move(energy);
     parts.audio = std::make_unique<LoggingAudio>(log);
     parts.bluetooth = std::make_unique<LoggingBluetooth>(log);
-    parts.processes = std::make_unique<LoggingProcesses>(log);
+    auto processes = std::make_unique<LoggingProcesses>(log);
+    processStage = processes.get();
+    parts.processes = std::move(processes);
     parts.agents = std::make_unique<TaggingAgents>();
     auto apps = std::make_unique<GroupingApps>();
     appStage = apps.get();
@@ -178,6 +193,8 @@ class SamplerTest : public ::testing::Test {
   ManualClock clock{5000};
   ManualMainQueue main;
   FakeDisk* diskSource = nullptr;
+  LoggingSMC* smcSource = nullptr;
+  LoggingProcesses* processStage = nullptr;
   LoggingBattery* batterySource = nullptr;
   LoggingEnergy* energySource = nullptr;
   GroupingApps* appStage = nullptr;
@@ -235,9 +252,27 @@ TEST_F(SamplerTest, BackgroundCadences) {
   EXPECT_EQ(t3.apps, t2.apps);
   EXPECT_EQ(t3.agents, t2.agents);
   EXPECT_EQ(t3.hiddenProcesses, 7);
-  EXPECT_DOUBLE_EQ(t3.power.apps, 3.5);
+  EXPECT_EQ(t3.power.apps, 3.5);
   EXPECT_NE(t3.time, t2.time);  // the machine's own figures are fresh
   EXPECT_EQ(t3.sensors.fans, (std::vector<Fan>{{1003, 0, 5000}}));
+}
+
+// Without the platform's own per-process energy, the package power is shared out by CPU time; with
+// no package power either, energy is unknown rather than zero.
+TEST_F(SamplerTest, EstimatedProcessEnergy) {
+  processStage->measured = false;
+  smcSource->package = 10;
+  ticks(1, 2);
+  smcSource->package.reset();
+  ticks(1, 2);
+  main.drain();
+  ASSERT_EQ(delivered.size(), 2u);
+  ASSERT_EQ(delivered[0].processes.size(), 2u);
+  EXPECT_DOUBLE_EQ(delivered[0].processes[0].energy, 2.5);  // 25 of 100 % of CPU time
+  EXPECT_DOUBLE_EQ(delivered[0].processes[1].energy, 7.5);
+  EXPECT_EQ(delivered[0].power.apps, 10.0);
+  EXPECT_EQ(delivered[1].power.apps, std::nullopt);
+  EXPECT_EQ(delivered[1].processes[0].energy, 0);
 }
 
 TEST_F(SamplerTest, BackgroundKeepsAskingForGpuPowerUntilKnown) {
@@ -284,7 +319,7 @@ TEST_F(SamplerTest, SnapshotAssembly) {
   EXPECT_EQ(s.memory.total, 1000u);
   EXPECT_EQ(s.processes.size(), 2u);
   EXPECT_EQ(s.hiddenProcesses, 7);
-  EXPECT_DOUBLE_EQ(s.power.apps, 3.5);
+  EXPECT_EQ(s.power.apps, 3.5);
   EXPECT_EQ(s.power.system, 12.5);
   EXPECT_EQ(s.power.gpu, 3.0);
   ASSERT_EQ(s.agents.size(), 1u);
@@ -328,6 +363,28 @@ TEST_F(SamplerTest, DebugTimingLine) {
   EXPECT_NE(lines[1].find("bg yes\n"), std::string::npos);
 }
 
+// start() ticks at once, not one period later, and that first tick reads everything: every slow
+// reader is due, and the process table is read with network and GPU.
+TEST_F(SamplerTest, TheFirstTickAfterStartComesAtOnceAndReadsEverything) {
+  sampler->start(3600);
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!sampler->lastSnapshot() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_TRUE(sampler->lastSnapshot());
+  main.drain();
+  ASSERT_EQ(delivered.size(), 1u);
+  EXPECT_EQ(log.thermal, std::vector<int>{0});
+  EXPECT_EQ(log.battery, std::vector<int>{0});
+  EXPECT_EQ(log.audio, std::vector<int>{0});
+  EXPECT_EQ(log.bluetooth, std::vector<int>{0});
+  ASSERT_EQ(log.processes.size(), 1u);
+  EXPECT_TRUE(log.processes[0].network);
+  EXPECT_TRUE(log.processes[0].gpu);
+  EXPECT_EQ(delivered[0].apps.size(), 1u);
+  EXPECT_EQ(delivered[0].battery.percent, 90);
+}
+
 TEST_F(SamplerTest, SetIntervalKeepsOrReplacesTheTimer) {
   sampler->start(3600);  // first tick at once, the next an hour away
   auto first = sampler->timer();
@@ -360,6 +417,53 @@ TEST(SamplerLifetime, DestroyingTheSamplerStopsTicksAndDropsPendingHandOffs) {
   }
   main.drain();  // the posted hand-off finds no sampler and does nothing
   EXPECT_EQ(delivered, 0);
+}
+
+// A CPU source whose read blocks until released, to hold a tick under way.
+struct BlockingCPU : FakeCPU {
+  std::mutex lock;
+  std::condition_variable changed;
+  bool reading = false, released = false;
+  bool coreTicks(std::vector<CoreTicks>& out) override {
+    std::unique_lock hold(lock);
+    reading = true;
+    changed.notify_all();
+    changed.wait(hold, [this] { return released; });
+    return FakeCPU::coreTicks(out);
+  }
+};
+
+// Stopping while a tick reads (a termination signal mid-tick) waits for that tick, and no tick
+// is posted to the main queue afterwards, even when asked to start again.
+TEST(SamplerLifetime, StopWaitsForTheTickUnderWayAndEndsTicking) {
+  ManualMainQueue main;
+  SamplerParts parts;
+  auto cpu = std::make_unique<BlockingCPU>();
+  BlockingCPU* blocking = cpu.get();
+  parts.cpu = std::move(cpu);
+  auto sampler = Sampler::create(std::move(parts), main);
+  sampler->start(1);
+  {
+    std::unique_lock hold(blocking->lock);
+    blocking->changed.wait(hold, [&] { return blocking->reading; });
+  }
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] {
+    sampler->stop();
+    stopped = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(stopped);  // still waiting for the read
+  {
+    std::lock_guard hold(blocking->lock);
+    blocking->released = true;
+  }
+  blocking->changed.notify_all();
+  stopper.join();
+  EXPECT_EQ(main.drain(), 1u);  // the tick under way was finished and handed off
+  sampler->start(1);
+  sampler->setInterval(2);
+  EXPECT_FALSE(main.waitForTask(1.5));
 }
 
 }  // namespace

@@ -34,7 +34,8 @@ QApplication& qt() {
     // Another test file of this executable may have made it first.
     if (auto* existing = qobject_cast<QApplication*>(QCoreApplication::instance())) return existing;
     setenv("QT_QPA_PLATFORM", "offscreen", 0);
-    auto* a = new QApplication(argc, argv);
+    auto* a = qobject_cast<QApplication*>(QCoreApplication::instance());
+    if (!a) a = new QApplication(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     loadFonts();
     return a;

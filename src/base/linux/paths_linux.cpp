@@ -20,6 +20,10 @@ std::string supportFolder() {
   return joinPath(xdgFolder("XDG_DATA_HOME", ".local/share"), "Vistrel");
 }
 
+std::string defaultSupportFolder() {
+  return joinPath(homeFolder(), ".local/share/Vistrel");
+}
+
 std::string configFolder() {
   return joinPath(xdgFolder("XDG_CONFIG_HOME", ".config"), "vistrel");
 }

@@ -7,6 +7,10 @@ std::string supportFolder() {
   return joinPath(homeFolder(), "Library/Application Support/Vistrel");
 }
 
+std::string defaultSupportFolder() {
+  return supportFolder();
+}
+
 std::string configFolder() {
   return supportFolder();
 }

@@ -4,8 +4,12 @@
 
 namespace vistrel {
 
+// MAXTHREADNAMESIZE is 64 bytes with the terminating zero; a longer name fails with ENAMETOOLONG
+// and leaves the thread unnamed.
+constexpr size_t kMaxThreadNameBytes = 63;
+
 void setCurrentThreadName(const std::string& name) {
-  pthread_setname_np(name.c_str());
+  pthread_setname_np(threadNamePrefix(name, kMaxThreadNameBytes).c_str());
 }
 
 }  // namespace vistrel

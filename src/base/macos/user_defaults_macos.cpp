@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/macos/preferences_defaults.hpp"
 #include "base/user_defaults.hpp"
 
 namespace vistrel {
@@ -39,11 +40,6 @@ class CFHolder {
  private:
   CFTypeRef ref_ = nullptr;
 };
-
-// The preferences domain; the App functions use the current user on any host.
-CFStringRef domain() {
-  return CFSTR("org.brackwood.vistrel");
-}
 
 CFHolder makeString(std::string_view text) {
   CFStringRef made =
@@ -179,30 +175,42 @@ std::optional<json> fromPropertyList(CFTypeRef ref) {
 }
 
 // The user defaults of macOS. CFPreferences is thread-safe and shares values with other processes
-// of the same user (the --mcp process, the `defaults` tool) through cfprefsd.
+// of the same user (the --mcp process, the `defaults` tool) through cfprefsd. The App functions
+// use the current user on any host.
 class PreferencesDefaults final : public UserDefaults {
  public:
+  explicit PreferencesDefaults(CFHolder domain) : domain_(std::move(domain)) {}
+
   std::optional<json> get(std::string_view key) override {
     CFHolder name = makeString(key);
-    if (!name) return std::nullopt;
+    if (!name || !domain_) return std::nullopt;
     CFHolder value(CFPreferencesCopyAppValue(static_cast<CFStringRef>(name.get()), domain()));
     return fromPropertyList(value.get());
   }
 
   void set(std::string_view key, json value) override {
     CFHolder name = makeString(key);
-    if (!name) return;
+    if (!name || !domain_) return;
     // A null property list removes the key.
     CFHolder list = toPropertyList(value);
     CFPreferencesSetAppValue(static_cast<CFStringRef>(name.get()), list.get(), domain());
     CFPreferencesAppSynchronize(domain());
   }
+
+ private:
+  CFStringRef domain() const { return static_cast<CFStringRef>(domain_.get()); }
+
+  const CFHolder domain_;
 };
 
 }  // namespace
 
+std::unique_ptr<UserDefaults> makePreferencesDefaults(std::string_view domain) {
+  return std::make_unique<PreferencesDefaults>(makeString(domain));
+}
+
 std::unique_ptr<UserDefaults> makeUserDefaults() {
-  return std::make_unique<PreferencesDefaults>();
+  return makePreferencesDefaults("org.brackwood.vistrel");
 }
 
 }  // namespace vistrel

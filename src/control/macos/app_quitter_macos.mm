@@ -1,9 +1,7 @@
-// The workspace's running applications: asking one to terminate is what choosing Quit from its menu
-// does (it may ask to save, or refuse); forceTerminate ends it at once. Needs AppKit.
+// The running applications of the workspace: asking one to terminate is what choosing Quit from its
+// menu does (it may ask to save, or refuse); forceTerminate ends it at once. Needs AppKit.
 
 #import <AppKit/AppKit.h>
-
-#include <algorithm>
 
 #include "control/quit_request.hpp"
 
@@ -16,11 +14,14 @@ class WorkspaceQuitter final : public AppQuitter {
   int quit(const std::vector<int32_t>& pids, bool force) override {
     int asked = 0;
     @autoreleasepool {
-      // The list is a snapshot taken atomically; it may be read from any thread.
-      NSArray<NSRunningApplication*>* running = [[NSWorkspace sharedWorkspace] runningApplications];
-      for (NSRunningApplication* app in running) {
-        const int32_t pid = static_cast<int32_t>(app.processIdentifier);
-        if (std::find(pids.begin(), pids.end(), pid) == pids.end()) continue;
+      for (int32_t pid : pids) {
+        // Each pid is looked up on its own: the workspace's runningApplications list is refreshed
+        // only while the main run loop turns, and this may run before it ever has (or on another
+        // thread), so an app launched since would be missing from it. nil: the process is no
+        // application (a helper, a tool) or has gone.
+        NSRunningApplication* app =
+            [NSRunningApplication runningApplicationWithProcessIdentifier:static_cast<pid_t>(pid)];
+        if (app == nil || app.terminated) continue;
         const BOOL accepted = force ? [app forceTerminate] : [app terminate];
         if (accepted) ++asked;
       }

@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,27 +12,33 @@ namespace vistrel {
 
 namespace {
 
-// Close-on-exec and no SIGPIPE; closes the descriptor and returns -1 when either cannot be set.
-int prepare(int fd) {
-  if (fd < 0) return -1;
+// Close-on-exec and no SIGPIPE; false (errno set) when either cannot be set.
+bool prepare(int fd) {
   int one = 1;
-  if (::fcntl(fd, F_SETFD, FD_CLOEXEC) != 0 ||
-      ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &one, sizeof one) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
+  return ::fcntl(fd, F_SETFD, FD_CLOEXEC) == 0 &&
+         ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &one, sizeof one) == 0;
 }
 
 }  // namespace
 
 int openUnixStreamSocket() {
-  return prepare(::socket(AF_UNIX, SOCK_STREAM, 0));
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  if (fd < 0) return -1;
+  if (!prepare(fd)) {
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+    return -1;
+  }
+  return fd;
 }
 
 int acceptUnixConnection(int listener) {
-  int fd = prepare(::accept(listener, nullptr, nullptr));
+  const int fd = ::accept(listener, nullptr, nullptr);
   if (fd < 0) return -1;
+  // A client that connected and closed at once leaves a connection on which SO_NOSIGPIPE fails
+  // with EINVAL: that client is gone, the listener is fine.
+  if (!prepare(fd)) return dropAcceptedConnection(fd);
   // Accepted sockets inherit the listener's O_NONBLOCK on macOS; connections are read and written
   // with blocking calls bounded by their time-outs.
   int flags = ::fcntl(fd, F_GETFL);

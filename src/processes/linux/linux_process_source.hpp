@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "base/clock.hpp"
+#include "processes/process_parsers.hpp"
 #include "processes/process_source.hpp"
 
 namespace vistrel {
@@ -37,6 +38,11 @@ inline constexpr int kDrmBackoffSteps = 3;
 inline constexpr double kDesktopMissSeconds = 600;
 // How long the memory and storage figures of a process that has not run are reused (seconds).
 inline constexpr double kIdleRefreshSeconds = 15;
+
+// A socket that moved bytes but was found in no process's descriptors (a process we cannot read,
+// or one that opened it without using a clock tick of CPU) is looked for again only after this
+// many seconds: otherwise every network reading would list the descriptors of every busy process.
+inline constexpr double kSocketSearchRetrySeconds = 30;
 
 // Runs the process-status tool and returns its output; empty when it cannot run.
 using PsRunner = std::function<std::string()>;
@@ -67,11 +73,25 @@ class DesktopEntryFinder {
   std::unordered_map<std::string, Lookup> cache_;
 };
 
+// Replaces its argument with the TCP sockets of the machine and their byte counters (a socket
+// diagnostics dump); false when none can be had.
+using TcpDumper = std::function<bool(std::vector<TcpSocketBytes>&)>;
+
+// The kernel's socket-diagnostics dump (TcpDiag), kept open between calls.
+TcpDumper kernelTcpDumper();
+
+// Per-process network: the TCP sockets of the user running us, mapped to pids through the
+// "socket:[inode]" descriptors of that user's processes. Each process's socket set is remembered;
+// its descriptors are listed again only when some socket moved bytes without a known owner, and
+// then only for processes that have run since their last listing (a process that did not run
+// opened nothing). UDP and other users' sockets are not counted.
+//
 // `desktopFolders`: folders holding "<app id>.desktop" files (snaps' as "<name>_<name>.desktop"),
 // searched in order.
 std::unique_ptr<ProcessSource> makeLinuxProcessSource(std::string root,
                                                       std::vector<std::string> desktopFolders,
                                                       const Clock& clock = Clock::system(),
-                                                      PsRunner ps = runPs);
+                                                      PsRunner ps = runPs,
+                                                      TcpDumper tcp = kernelTcpDumper());
 
 }  // namespace vistrel

@@ -44,7 +44,9 @@ std::optional<std::string> DesktopEntryFinder::find(const std::string& appId) {
 }
 
 std::string runPs() {
-  auto result = runSubprocess("ps", {"-A", "-o", "pid=,ppid=,uid=,%cpu=,rss=,comm="});
+  // In the C locale: under a comma-decimal locale procps prints %cpu as "12,5".
+  auto result = runSubprocess("ps", {"-A", "-o", "pid=,ppid=,uid=,%cpu=,rss=,comm="}, std::nullopt,
+                              64 << 20, {"LC_ALL=C"});
   return result.started ? std::move(result.output) : std::string();
 }
 

@@ -13,15 +13,19 @@
 
 #include "base/files.hpp"
 #include "processes/linux/linux_process_source.hpp"
+#include "processes/linux/tcp_diag.hpp"
 #include "processes/process_parsers.hpp"
+#include "processes/tcp_ledger.hpp"
 
 namespace vistrel {
 
 namespace {
 
-constexpr uint32_t kKernelThreadFlag = 0x00200000;  // PF_KTHREAD
-constexpr int32_t kKthreadd = 2;                    // parent of every kernel thread
+// PF_KTHREAD: the kernel's own threads carry it, and nothing else does. Their pids and parents
+// prove nothing: in a container, pid 2 and its children are ordinary processes.
+constexpr uint32_t kKernelThreadFlag = 0x00200000;
 constexpr std::string_view kDriPrefix = "/dev/dri/";
+constexpr std::string_view kSocketPrefix = "socket:[";
 
 bool isNumber(std::string_view s) {
   return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -57,12 +61,13 @@ std::string withoutDeleted(std::string path) {
 class LinuxProcessSource final : public ProcessSource {
  public:
   LinuxProcessSource(std::string root, std::vector<std::string> desktopFolders, const Clock& clock,
-                     PsRunner ps)
+                     PsRunner ps, TcpDumper tcp)
       : root_(std::move(root)),
         procDir_(joinPath(root_, "proc") + "/"),
         desktops_(std::move(desktopFolders), clock),
         clock_(clock),
         ps_(std::move(ps)),
+        tcp_(std::move(tcp)),
         euid_(::geteuid()) {
     long ticks = ::sysconf(_SC_CLK_TCK);
     clockTicks_ = ticks > 0 ? static_cast<uint64_t>(ticks) : 100;
@@ -114,7 +119,7 @@ class LinuxProcessSource final : public ProcessSource {
       ProcessCounters out;
       Outcome outcome = readCounters(pid, t, fresh, out);
       if (outcome == Outcome::ok) return out;
-      release(t);
+      untrack(pid, t);
       tracked_.erase(it);
       if (fresh || outcome == Outcome::garbage) return std::nullopt;
     }
@@ -193,7 +198,37 @@ class LinuxProcessSource final : public ProcessSource {
     return out;
   }
 
-  std::unordered_map<int32_t, ProcessNetBytes> networkBytes() override { return {}; }
+  std::unordered_map<int32_t, ProcessNetBytes> networkBytes() override {
+    std::unordered_map<int32_t, ProcessNetBytes> out;
+    if (!tcp_ || !tcp_(sockets_)) return out;
+    std::erase_if(sockets_, [this](const TcpSocketBytes& s) { return s.uid != euid_; });
+    auto owner = [this](uint64_t inode) -> int32_t {
+      auto it = socketOwner_.find(inode);
+      return it == socketOwner_.end() ? 0 : it->second;
+    };
+    const double now = clock_.uptime();
+    auto unowned = ledger_.unowned(sockets_, owner);
+    std::erase_if(unowned, [&](uint64_t inode) {
+      auto it = searchedAt_.find(inode);
+      return it != searchedAt_.end() && now - it->second < kSocketSearchRetrySeconds;
+    });
+    if (!unowned.empty()) {
+      for (auto& [pid, t] : tracked_) {
+        if (t.kernel || !t.own) continue;
+        if (t.socketsScanned && t.lastTicks == t.socketScanTicks) continue;
+        scanSockets(pid, t);
+      }
+      for (uint64_t inode : unowned) {
+        if (owner(inode) == 0) searchedAt_[inode] = now;
+      }
+    }
+    ledger_.apply(sockets_, owner);
+    std::erase_if(searchedAt_, [this](const auto& entry) { return !ledger_.knows(entry.first); });
+    for (const auto& [pid, t] : tracked_) {
+      if (!t.kernel && t.own) out.emplace(pid, ledger_.total(pid));
+    }
+    return out;
+  }
 
   std::vector<PsRow> psListing() override {
     if (!ps_) return {};
@@ -205,10 +240,22 @@ class LinuxProcessSource final : public ProcessSource {
     return online > 0 ? static_cast<double>(online) : 1.0;
   }
 
+  void retainOnly(const std::vector<int32_t>& livePids) override {
+    for (auto it = tracked_.begin(); it != tracked_.end();) {
+      if (std::binary_search(livePids.begin(), livePids.end(), it->first)) {
+        ++it;
+      } else {
+        untrack(it->first, it->second);
+        it = tracked_.erase(it);
+      }
+    }
+    ledger_.retainOnly(livePids);
+  }
+
   void forget(int32_t pid) override {
     auto it = tracked_.find(pid);
     if (it == tracked_.end()) return;
-    release(it->second);
+    untrack(pid, it->second);
     tracked_.erase(it);
   }
 
@@ -218,7 +265,12 @@ class LinuxProcessSource final : public ProcessSource {
     uint64_t startKey = 0;
     int stat = -1, statm = -1, io = -1;
     bool kernel = false;
-    bool ioReadable = false;  // decided once: the process is ours (or we are root)
+    bool own = false;         // decided once: the process is ours (or we are root)
+    bool ioReadable = false;  // own, and its io file has not failed
+    // The inodes of its sockets at the last listing of its descriptors, and its CPU ticks then.
+    std::vector<uint64_t> sockets;
+    bool socketsScanned = false;
+    uint64_t socketScanTicks = 0;
     std::vector<int> drmFds;  // the process's descriptors open on /dev/dri
     double drmNextScan = 0;
     int drmEmptyScans = 0;  // scans in a row that found none
@@ -245,11 +297,12 @@ class LinuxProcessSource final : public ProcessSource {
     }
     if (fresh) {
       t.startKey = stat->starttime;
-      t.kernel =
-          (stat->flags & kKernelThreadFlag) != 0 || stat->ppid == kKthreadd || pid == kKthreadd;
-      t.ioReadable = !t.kernel && ownedByUs(pid, t.stat);
+      t.kernel = (stat->flags & kKernelThreadFlag) != 0;
+      t.own = !t.kernel && ownedByUs(pid, t.stat);
+      t.ioReadable = t.own;
     }
     out.startKey = stat->starttime;
+    out.program = std::move(stat->comm);
     out.kernelThread = t.kernel;
     uint64_t ticks = stat->utime > std::numeric_limits<uint64_t>::max() - stat->stime
                          ? std::numeric_limits<uint64_t>::max()
@@ -357,6 +410,50 @@ class LinuxProcessSource final : public ProcessSource {
     closeHeld(t.io);
   }
 
+  // Everything kept for a process that is gone: its files and its sockets' ownership.
+  void untrack(int32_t pid, Tracked& t) {
+    release(t);
+    disown(pid, t);
+  }
+
+  void disown(int32_t pid, Tracked& t) {
+    for (uint64_t inode : t.sockets) {
+      if (auto it = socketOwner_.find(inode); it != socketOwner_.end() && it->second == pid) {
+        socketOwner_.erase(it);
+      }
+    }
+    t.sockets.clear();
+  }
+
+  // Lists the process's descriptors for "socket:[<inode>]" links. A socket shared with another
+  // process (inherited across fork) stays with the process that was found holding it first.
+  void scanSockets(int32_t pid, Tracked& t) {
+    disown(pid, t);
+    t.socketsScanned = true;
+    t.socketScanTicks = t.lastTicks;
+    std::string folder = pidPath(pid, "fd/");
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir) return;
+    char target[64];
+    while (dirent* entry = ::readdir(dir)) {
+      std::string_view name = entry->d_name;
+      if (!isNumber(name)) continue;
+      path_.assign(folder).append(name);
+      ssize_t n = ::readlink(path_.c_str(), target, sizeof target);
+      if (n <= 0) continue;
+      std::string_view link(target, static_cast<size_t>(n));
+      if (!link.starts_with(kSocketPrefix) || !link.ends_with(']')) continue;
+      link.remove_prefix(kSocketPrefix.size());
+      link.remove_suffix(1);
+      uint64_t inode = 0;
+      auto [ptr, ec] = std::from_chars(link.data(), link.data() + link.size(), inode);
+      if (ec != std::errc() || ptr != link.data() + link.size() || inode == 0) continue;
+      t.sockets.push_back(inode);
+      socketOwner_.try_emplace(inode, pid);
+    }
+    ::closedir(dir);
+  }
+
   // "<root>/proc/<pid>/<name>" in a reused string: no allocation once it has grown.
   std::string& pidPath(int32_t pid, std::string_view name) {
     path_.assign(procDir_);
@@ -425,6 +522,11 @@ class LinuxProcessSource final : public ProcessSource {
   const Clock& clock_;
   double tickNow_ = 0;  // uptime at the start of the current tick
   PsRunner ps_;
+  TcpDumper tcp_;
+  TcpLedger ledger_;
+  std::vector<TcpSocketBytes> sockets_;                // the last dump, reused
+  std::unordered_map<uint64_t, int32_t> socketOwner_;  // socket inode to the pid found holding it
+  std::unordered_map<uint64_t, double> searchedAt_;    // unowned sockets looked for, and when
   uid_t euid_;
   uint64_t clockTicks_ = 100;
   uint64_t pageSize_ = 4096;
@@ -444,9 +546,15 @@ class LinuxProcessSource final : public ProcessSource {
 
 std::unique_ptr<ProcessSource> makeLinuxProcessSource(std::string root,
                                                       std::vector<std::string> desktopFolders,
-                                                      const Clock& clock, PsRunner ps) {
+                                                      const Clock& clock, PsRunner ps,
+                                                      TcpDumper tcp) {
   return std::make_unique<LinuxProcessSource>(std::move(root), std::move(desktopFolders), clock,
-                                              std::move(ps));
+                                              std::move(ps), std::move(tcp));
+}
+
+TcpDumper kernelTcpDumper() {
+  auto diag = std::make_shared<TcpDiag>();
+  return [diag](std::vector<TcpSocketBytes>& out) { return diag->dump(out); };
 }
 
 std::unique_ptr<ProcessSource> makeProcessSource() {

@@ -17,15 +17,6 @@
 namespace vistrel {
 namespace {
 
-// `name` with every ".app" taken out ("Safari.app" -> "Safari"): the file manager shows the
-// extension or not depending on the user's Finder setting.
-std::string withoutAppExtension(std::string name) {
-  for (size_t at = name.find(".app"); at != std::string::npos; at = name.find(".app", at)) {
-    name.erase(at, 4);
-  }
-  return name;
-}
-
 // The file manager's display name for a path (localised, as the Finder shows it); empty when it
 // has none.
 std::string fileManagerDisplayName(const std::string& path) {
@@ -63,9 +54,9 @@ std::string infoPlistName(const std::string& path) {
 class MacAppBundles final : public AppBundles {
  public:
   std::string displayName(const std::string& appPath) override {
-    std::string name = withoutAppExtension(fileManagerDisplayName(appPath));
-    if (name.empty()) name = withoutAppExtension(infoPlistName(appPath));
-    if (name.empty()) name = withoutAppExtension(std::string(lastComponent(appPath)));
+    std::string name = withoutAppSuffix(fileManagerDisplayName(appPath));
+    if (name.empty()) name = withoutAppSuffix(infoPlistName(appPath));
+    if (name.empty()) name = withoutAppSuffix(std::string(lastComponent(appPath)));
     return name.empty() ? appPath : name;
   }
 
@@ -79,7 +70,8 @@ class MacAppBundles final : public AppBundles {
   }
 
   bool isSystemApp(const std::string& appPath) override {
-    const std::string_view path = appPath;
+    // Safari's cryptex reads as /System/Applications/ (an ordinary app), the system's as /System/.
+    const std::string_view path = withoutCryptexPrefix(appPath);
     return path.starts_with("/System/") && !path.starts_with("/System/Applications/") &&
            pathExists(appPath);
   }

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -31,6 +32,9 @@ namespace {
 // up at run time and may be missing.
 using ResponsibleFunction = pid_t (*)(pid_t);
 constexpr const char* kResponsibleSymbol = "responsibility_get_pid_responsible_for_pid";
+
+// The most of a tool's output that is kept; a full process listing is a few hundred kilobytes.
+constexpr size_t kToolOutputLimit = 64 << 20;
 
 // Closes a dlopen handle once.
 struct DlClose {
@@ -188,19 +192,23 @@ class MacProcessSource final : public ProcessSource {
 
   std::unordered_map<int32_t, ProcessNetBytes> networkBytes() override {
     const SubprocessResult result =
-        runSubprocess("/usr/bin/nettop", {"-P", "-L", "1", "-x", "-n", "-J", "bytes_in,bytes_out"});
+        runSubprocess("/usr/bin/nettop", {"-P", "-L", "1", "-x", "-n", "-J", "bytes_in,bytes_out"},
+                      std::nullopt, kToolOutputLimit, {"LC_ALL=C"});
     if (!result.started) return {};
     return parseNettop(result.output);
   }
 
   std::vector<PsRow> psListing() override {
+    // In the C locale: under a person's comma-decimal locale ps prints %cpu as "12,5".
     const SubprocessResult result =
-        runSubprocess("/bin/ps", {"-A", "-o", "pid=,ppid=,uid=,%cpu=,rss=,comm="});
+        runSubprocess("/bin/ps", {"-A", "-o", "pid=,ppid=,uid=,%cpu=,rss=,comm="}, std::nullopt,
+                      kToolOutputLimit, {"LC_ALL=C"});
     if (!result.started) return {};
     // Command paths are kept, so the text is made valid UTF-8 before it is split.
     return parsePS(repairUtf8(result.output));
   }
 
+  bool measuresEnergy() const override { return true; }
   double cores() override {
     const long online = sysconf(_SC_NPROCESSORS_ONLN);
     return online > 0 ? static_cast<double>(online) : 1.0;

@@ -1,110 +1,15 @@
-#include <dlfcn.h>
-
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/files.hpp"
 #include "sampling/linux/linux_sources.hpp"
+#include "sampling/linux/nvml.hpp"
 #include "sampling/proc_parsers.hpp"
 
 namespace vistrel {
 
 namespace {
-
-// The few NVML entry points used, declared here so that building needs no NVIDIA headers and
-// running needs no NVIDIA driver: the library is opened at run time.
-using NvmlReturn = int;  // nvmlReturn_t; 0 is NVML_SUCCESS
-using NvmlDevice = struct NvmlDeviceOpaque*;
-struct NvmlUtilization {
-  unsigned int gpu;     // percent of the last sample period a kernel was running
-  unsigned int memory;  // percent of it the memory was being read or written
-};
-struct NvmlMemory {
-  unsigned long long total, free, used;  // bytes
-};
-using NvmlInit = NvmlReturn (*)();
-using NvmlShutdown = NvmlReturn (*)();
-using NvmlGetCount = NvmlReturn (*)(unsigned int*);
-using NvmlGetHandle = NvmlReturn (*)(unsigned int, NvmlDevice*);
-using NvmlGetUtilization = NvmlReturn (*)(NvmlDevice, NvmlUtilization*);
-using NvmlGetMemory = NvmlReturn (*)(NvmlDevice, NvmlMemory*);
-using NvmlGetName = NvmlReturn (*)(NvmlDevice, char*, unsigned int);
-constexpr NvmlReturn kNvmlSuccess = 0;
-
-// The NVIDIA management library, opened and initialised once per process (NVML's own
-// initialisation is process-wide) and shut down at exit. Device handles stay valid until then.
-class Nvml {
- public:
-  static Nvml& shared() {
-    static Nvml nvml;
-    return nvml;
-  }
-  Nvml(const Nvml&) = delete;
-  Nvml& operator=(const Nvml&) = delete;
-
-  bool ready() const { return ready_; }
-  const std::vector<NvmlDevice>& devices() const { return devices_; }
-
-  std::optional<AcceleratorStats> stats(NvmlDevice device) const {
-    AcceleratorStats stats;
-    NvmlUtilization utilization{};
-    if (getUtilization_(device, &utilization) == kNvmlSuccess) {
-      stats.deviceUtilization = static_cast<double>(utilization.gpu);
-    }
-    NvmlMemory memory{};
-    if (getMemory_(device, &memory) == kNvmlSuccess) stats.vramUsedBytes = memory.used;
-    if (!stats.deviceUtilization && !stats.vramUsedBytes) return std::nullopt;
-    return stats;
-  }
-
-  std::optional<std::string> name(NvmlDevice device) const {
-    char buffer[96] = {};  // NVML_DEVICE_NAME_V2_BUFFER_SIZE
-    if (getName_(device, buffer, sizeof buffer) != kNvmlSuccess) return std::nullopt;
-    buffer[sizeof buffer - 1] = '\0';
-    std::string name(buffer);
-    if (name.empty()) return std::nullopt;
-    return name;
-  }
-
- private:
-  Nvml() {
-    library_ = ::dlopen("libnvidia-ml.so.1", RTLD_NOW | RTLD_LOCAL);
-    if (!library_) return;  // no NVIDIA driver: the usual case
-    auto init = reinterpret_cast<NvmlInit>(::dlsym(library_, "nvmlInit_v2"));
-    shutdown_ = reinterpret_cast<NvmlShutdown>(::dlsym(library_, "nvmlShutdown"));
-    auto getCount = reinterpret_cast<NvmlGetCount>(::dlsym(library_, "nvmlDeviceGetCount_v2"));
-    auto getHandle =
-        reinterpret_cast<NvmlGetHandle>(::dlsym(library_, "nvmlDeviceGetHandleByIndex_v2"));
-    getUtilization_ =
-        reinterpret_cast<NvmlGetUtilization>(::dlsym(library_, "nvmlDeviceGetUtilizationRates"));
-    getMemory_ = reinterpret_cast<NvmlGetMemory>(::dlsym(library_, "nvmlDeviceGetMemoryInfo"));
-    getName_ = reinterpret_cast<NvmlGetName>(::dlsym(library_, "nvmlDeviceGetName"));
-    if (!init || !getCount || !getHandle || !getUtilization_ || !getMemory_ || !getName_) return;
-    if (init() != kNvmlSuccess) return;
-    initialised_ = true;
-    unsigned int count = 0;
-    if (getCount(&count) != kNvmlSuccess) return;
-    for (unsigned int i = 0; i < count && i < 64; ++i) {
-      NvmlDevice device = nullptr;
-      if (getHandle(i, &device) == kNvmlSuccess && device) devices_.push_back(device);
-    }
-    ready_ = !devices_.empty();
-  }
-  ~Nvml() {
-    if (initialised_ && shutdown_) shutdown_();
-    if (library_) ::dlclose(library_);
-  }
-
-  void* library_ = nullptr;
-  bool initialised_ = false;
-  bool ready_ = false;
-  NvmlShutdown shutdown_ = nullptr;
-  NvmlGetUtilization getUtilization_ = nullptr;
-  NvmlGetMemory getMemory_ = nullptr;
-  NvmlGetName getName_ = nullptr;
-  std::vector<NvmlDevice> devices_;
-};
 
 bool isCardName(const std::string& name) {
   // "card0" is a GPU; "card0-DP-1" is one of its connectors.
@@ -122,9 +27,10 @@ class LinuxGPUSource final : public GPUSource {
 
   std::string name() override {
     if (useNvml_) {
-      Nvml& nvml = Nvml::shared();
-      if (nvml.ready()) {
-        if (auto name = nvml.name(nvml.devices().front())) return *name;
+      if (Nvml* nvml = Nvml::shared()) {
+        for (size_t i = 0; i < nvml->deviceCount(); ++i) {
+          if (auto name = nvml->name(i)) return *name;
+        }
       }
     }
     return "GPU";
@@ -150,9 +56,17 @@ class LinuxGPUSource final : public GPUSource {
       if (stats.deviceUtilization || stats.vramUsedBytes) result.push_back(stats);
     }
     if (useNvml_) {
-      Nvml& nvml = Nvml::shared();
-      for (NvmlDevice device : nvml.devices()) {
-        if (auto stats = nvml.stats(device)) result.push_back(*stats);
+      // A sleeping NVIDIA GPU is idle and is not asked (asking would wake it).
+      if (Nvml* nvml = Nvml::shared()) {
+        for (size_t i = 0; i < nvml->deviceCount(); ++i) {
+          if (nvml->asleep(i)) {
+            AcceleratorStats idle;
+            idle.deviceUtilization = 0;
+            result.push_back(idle);
+          } else if (auto stats = nvml->stats(i)) {
+            result.push_back(*stats);
+          }
+        }
       }
     }
     return result;

@@ -19,8 +19,10 @@
 #include "sampling/cpu_source.hpp"
 #include "sampling/disk_source.hpp"
 #include "sampling/gpu_source.hpp"
+#include "sampling/linux/hwmon.hpp"
 #include "sampling/memory_source.hpp"
 #include "sampling/network_source.hpp"
+#include "sampling/stages.hpp"
 
 namespace vistrel {
 
@@ -53,5 +55,25 @@ std::unique_ptr<DiskSource> makeLinuxDiskSource(std::string root,
 
 std::unique_ptr<NetworkSource> makeLinuxNetworkSource(std::string root,
                                                       const Clock& clock = Clock::system());
+
+// Temperatures from hwmon (CPU, GPU, SSD, battery chips), the thermal zones as the CPU's fallback,
+// and NVML for the real root. Files whose first read was slow are read at most once a minute.
+std::unique_ptr<ThermalSource> makeLinuxThermalSource(std::string root,
+                                                      const Clock& clock = Clock::system(),
+                                                      Stopwatch stopwatch = {});
+
+// Fans from hwmon (slow ones read on the temperature clock); whole-machine power from RAPL's psys
+// zone, else its package zones, else the battery while it discharges; package power from the
+// package zones. RAPL is usually readable by root only: then both are absent.
+std::unique_ptr<SMCSource> makeLinuxPowerSource(std::string root,
+                                                const Clock& clock = Clock::system(),
+                                                Stopwatch stopwatch = {});
+
+// GPU power from amdgpu's hwmon power figure and NVML (real root only).
+std::unique_ptr<EnergySource> makeLinuxGPUPowerSource(std::string root,
+                                                      const Clock& clock = Clock::system());
+
+// The system batteries of power_supply taken together, and whether a mains or USB supply is online.
+std::unique_ptr<BatterySource> makeLinuxBatterySource(std::string root);
 
 }  // namespace vistrel

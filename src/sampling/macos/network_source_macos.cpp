@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <initializer_list>
 #include <iterator>
 #include <string_view>
 #include <unordered_map>
@@ -42,13 +43,17 @@ class MacNetworkSource final : public NetworkSource {
       store_.reset(SCDynamicStoreCreate(kCFAllocatorDefault, CFSTR("Vistrel"), nullptr, nullptr));
       if (!store_) return std::nullopt;
     }
-    const mac::CFRef<CFPropertyListRef> global(
-        SCDynamicStoreCopyValue(store_.get(), CFSTR("State:/Network/Global/IPv4")));
-    const auto dict = mac::cfAs<CFDictionaryRef>(global.get(), CFDictionaryGetTypeID());
-    std::optional<std::string> bsdName =
-        mac::cfString(mac::cfValue(dict, CFSTR("PrimaryInterface")));
-    if (bsdName && bsdName->empty()) return std::nullopt;
-    return bsdName;
+    // The IPv4 state first; a network with IPv6 only (or IPv4 not yet configured) has its
+    // primary interface in the IPv6 state alone.
+    for (CFStringRef key :
+         {CFSTR("State:/Network/Global/IPv4"), CFSTR("State:/Network/Global/IPv6")}) {
+      const mac::CFRef<CFPropertyListRef> global(SCDynamicStoreCopyValue(store_.get(), key));
+      const auto dict = mac::cfAs<CFDictionaryRef>(global.get(), CFDictionaryGetTypeID());
+      std::optional<std::string> bsdName =
+          mac::cfString(mac::cfValue(dict, CFSTR("PrimaryInterface")));
+      if (bsdName && !bsdName->empty()) return bsdName;
+    }
+    return std::nullopt;
   }
 
   std::string displayName(const std::string& interface) override {

@@ -1,0 +1,15 @@
+// Linux desktops keep every window in their task bar and have no application-wide hiding.
+
+#include "ui/desktop.hpp"
+
+namespace vistrel::ui::desktop {
+
+void setShowInDock(bool, bool) {}
+
+bool canHideOthers() {
+  return false;
+}
+
+void hideOthers() {}
+
+}  // namespace vistrel::ui::desktop
