@@ -295,19 +295,5 @@ TEST_F(StatusBarTest, NoTrayMeansNoItemsAndTheWindowStaysTheWayIn) {
   EXPECT_FALSE(bar->available());
 }
 
-TEST(AutostartEntry, ExecMarksTheLoginLaunch) {
-  struct Case {
-    std::string executable, exec;
-  } cases[] = {
-      {"/usr/bin/vistrel", "Exec=/usr/bin/vistrel --login\n"},
-      {"/opt/My Apps/vistrel", "Exec=\"/opt/My Apps/vistrel\" --login\n"},
-      {"/tmp/a$b/vistrel", "Exec=\"/tmp/a\\$b/vistrel\" --login\n"},
-  };
-  for (const auto& c : cases) {
-    std::string entry = autostartEntry(c.executable);
-    EXPECT_NE(entry.find(c.exec), std::string::npos) << entry;
-  }
-}
-
 }  // namespace
 }  // namespace vistrel::ui

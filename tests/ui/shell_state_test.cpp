@@ -138,10 +138,11 @@ TEST(LoginItem, AutostartEntry) {
   EXPECT_EQ(autostartPath("/x/conf", "/home/me"), "/x/conf/autostart/vistrel.desktop");
   // A relative XDG_CONFIG_HOME is invalid by the specification and ignored.
   EXPECT_EQ(autostartPath("conf", "/home/me"), "/home/me/.config/autostart/vistrel.desktop");
-  EXPECT_NE(autostartEntry("/usr/bin/vistrel").find("\nExec=/usr/bin/vistrel\n"),
+  EXPECT_NE(autostartEntry("/usr/bin/vistrel").find("\nExec=/usr/bin/vistrel --login\n"),
             std::string::npos);
-  EXPECT_NE(autostartEntry("/opt/my apps/vi$trel").find("\nExec=\"/opt/my apps/vi\\$trel\"\n"),
-            std::string::npos);
+  EXPECT_NE(
+      autostartEntry("/opt/my apps/vi$trel").find("\nExec=\"/opt/my apps/vi\\$trel\" --login\n"),
+      std::string::npos);
 }
 
 #ifdef __linux__

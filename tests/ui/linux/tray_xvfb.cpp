@@ -3,6 +3,12 @@
 // in a panel applet sends) opens the panel, which makes the model sample at the user's interval.
 // Its own executable: the toolkit must start on xcb with the bus and display set beforehand.
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -12,12 +18,6 @@
 #include <QElapsedTimer>
 #include <QSystemTrayIcon>
 #include <QThread>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -127,8 +127,8 @@ bool pumpUntil(F done, int ms = 8000) {
 TEST(Tray, AppearsWithAHostAndItsActivationOpensThePanel) {
   std::string display, address;
   pid_t xvfb = startReadingLine({"Xvfb", "-displayfd", "1", "-nolisten", "tcp"}, display);
-  pid_t bus = startReadingLine({"dbus-daemon", "--session", "--nofork", "--print-address=1"},
-                               address);
+  pid_t bus =
+      startReadingLine({"dbus-daemon", "--session", "--nofork", "--print-address=1"}, address);
   struct Reaper {
     pid_t a, b;
     ~Reaper() {
@@ -145,6 +145,13 @@ TEST(Tray, AppearsWithAHostAndItsActivationOpensThePanel) {
   ::setenv("QT_QPA_PLATFORM", "xcb", 1);
   ::unsetenv("WAYLAND_DISPLAY");
   ::unsetenv("XDG_CURRENT_DESKTOP");
+
+  static int argc = 1;
+  static char name[] = "tray_tests";
+  static char* argv[] = {name, nullptr};
+  QApplication qt(argc, argv);
+  QApplication::setQuitOnLastWindowClosed(false);
+  loadFonts();
 
   // The host answers on its own connection and thread, so the toolkit's blocking calls to it
   // are answered while the main thread waits.
@@ -165,12 +172,6 @@ TEST(Tray, AppearsWithAHostAndItsActivationOpensThePanel) {
       Qt::QueuedConnection);
   while (!hostReady) QThread::msleep(10);
 
-  static int argc = 1;
-  static char name[] = "tray_tests";
-  static char* argv[] = {name, nullptr};
-  QApplication qt(argc, argv);
-  QApplication::setQuitOnLastWindowClosed(false);
-  loadFonts();
   EXPECT_TRUE(QSystemTrayIcon::isSystemTrayAvailable());
 
   ManualClock clock{1000};
@@ -193,9 +194,9 @@ TEST(Tray, AppearsWithAHostAndItsActivationOpensThePanel) {
     EXPECT_DOUBLE_EQ(sampler->interval(), 5);
 
     // What a host sends on a left click.
-    QDBusMessage activate = QDBusMessage::createMethodCall(
-        QString::fromStdString(item), "/StatusNotifierItem", "org.kde.StatusNotifierItem",
-        "Activate");
+    QDBusMessage activate =
+        QDBusMessage::createMethodCall(QString::fromStdString(item), "/StatusNotifierItem",
+                                       "org.kde.StatusNotifierItem", "Activate");
     activate << 200 << 10;
     QDBusConnection::connectToBus(QString::fromStdString(address), "clicker").asyncCall(activate);
     ASSERT_TRUE(pumpUntil([&] { return bar.panelOpen(); })) << "the panel did not open";
