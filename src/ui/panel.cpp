@@ -45,11 +45,15 @@ double walk(const PanelView& v, double width, Draw&& draw) {
   // Mood: a heading and its sentence.
   draw.heading(QRectF(kMargin, y, inner, 22), q(v.mood.title), v.mood.attention);
   y += 24;
-  draw.text(QRectF(kMargin, y, inner, kLine), q(v.mood.sentence), true);
-  y += kLine + kSection;
+  // The sentence names the busiest app, so it often needs a second line; never a third.
+  const QString sentence = q(v.mood.sentence);
+  const double sentenceHeight =
+      QFontMetricsF(font(kCaption + 0.5)).horizontalAdvance(sentence) > inner ? 2 * kLine : kLine;
+  draw.wrapped(QRectF(kMargin, y, inner, sentenceHeight), sentence);
+  y += sentenceHeight + kSection;
   for (const PanelMetric& m : v.metrics) {
-    draw.metric(QRectF(kMargin, y, inner, 30), m);
-    y += 34;
+    draw.metric(QRectF(kMargin, y, inner, 36), m);
+    y += 40;
   }
   auto section = [&](const char* title) {
     y += kSection - 4;
@@ -87,6 +91,7 @@ double walk(const PanelView& v, double width, Draw&& draw) {
 struct Measure {
   void heading(QRectF, QString, Attention) {}
   void text(QRectF, QString, bool) {}
+  void wrapped(QRectF, QString) {}
   void caption(QRectF, const char*) {}
   void metric(QRectF, const PanelMetric&) {}
   void row(QRectF, QString, QString, QString, Attention) {}
@@ -115,6 +120,15 @@ struct Paint {
     QFontMetricsF fm(p.font());
     p.drawText(r, Qt::AlignLeft | Qt::AlignVCenter, fm.elidedText(t, Qt::ElideRight, r.width()));
   }
+  // Muted, word-wrapped within `r` (what does not fit is cut at its bottom line).
+  void wrapped(QRectF r, QString t) {
+    p.setFont(font(kCaption + 0.5));
+    p.setPen(pal.muted);
+    p.save();
+    p.setClipRect(r);
+    p.drawText(r, Qt::AlignLeft | Qt::AlignTop | Qt::TextWordWrap, t);
+    p.restore();
+  }
   void caption(QRectF r, const char* t) {
     QFont f = font(kCaption, false, QFont::DemiBold);
     f.setLetterSpacing(QFont::AbsoluteSpacing, 0.6);
@@ -137,7 +151,7 @@ struct Paint {
     QString note = q(g.note);
     if (g.attention != Attention::none && g.note.empty()) note = q(attentionWord(g.attention));
     QFontMetricsF fm(p.font());
-    p.drawText(QRectF(x, r.top() + 16, 120, 14), Qt::AlignLeft | Qt::AlignVCenter,
+    p.drawText(QRectF(x, r.top() + 19, 120, 16), Qt::AlignLeft | Qt::AlignVCenter,
                fm.elidedText(note, Qt::ElideRight, 120));
     // The figure in a fixed column, then the sparkline at the right edge.
     const QRectF spark(r.right() - kSparkWidth, r.top() + 3, kSparkWidth, r.height() - 6);
