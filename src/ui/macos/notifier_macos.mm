@@ -65,6 +65,7 @@ class CenterNotifier final : public AlertNotifier {
 
   ~CenterNotifier() override {
     if (usable_) UNUserNotificationCenter.currentNotificationCenter.delegate = nil;
+    [delegate_ release];  // manual reference counting: the build does not turn on ARC
   }
 
   void post(const AlertEvent& event) override {
@@ -80,6 +81,7 @@ class CenterNotifier final : public AlertNotifier {
                                                                           trigger:nil];
     [UNUserNotificationCenter.currentNotificationCenter addNotificationRequest:request
                                                          withCompletionHandler:nil];
+    [content release];  // the request holds its own copy
   }
 
   void requestPermission() override {

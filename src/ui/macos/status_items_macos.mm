@@ -2,6 +2,8 @@
 // drawn by menubar_images (Qt's tray icon is square and would shrink a wide image). Each item has
 // an autosave name, so the system keeps its place; the person may drag one out of the bar with
 // Command held, which the item reports as no longer visible, and settings can bring it back.
+// Manual reference counting (the build does not turn on ARC): every alloc and retain here is
+// balanced in the same class.
 
 #import <AppKit/AppKit.h>
 
@@ -37,7 +39,8 @@ NSImage* imageFor(const MenuItemView& item, double scale) {
   if (!cg) return nil;
   NSImage* ns = [[NSImage alloc] initWithCGImage:cg size:NSMakeSize(itemWidth(item), kItemHeight)];
   CGImageRelease(cg);
-  ns.template = asTemplate;
+  // Not `ns.template`: that property's name is a C++ keyword in Objective-C++.
+  [ns setTemplate:asTemplate];
   return [ns autorelease];
 }
 
