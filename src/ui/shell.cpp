@@ -57,6 +57,9 @@ class WindowShell final : public ApplicationShell {
     };
     notifier_ = makeDesktopNotifier([this] { go(Page::alerts), showWindow(); });
     model_.alertEngine().setNotifier(notifier_.get());
+    // The setting is on by default, so a first launch never sees it turned on: ask now (the
+    // system asks the person only once; later calls just report the answer).
+    if (model_.alertEngine().notify) model_.alertEngine().requestPermission();
     statusBar_ = std::make_unique<StatusBar>(
         model_,
         StatusBar::Actions{[this] { showWindow(); }, [this](Page p) { go(p), showWindow(); },
