@@ -39,6 +39,13 @@ StatusBar::StatusBar(Model& model, Actions actions, std::unique_ptr<StatusItems>
     closePopover();
     if (actions_.openPage) actions_.openPage(Page::settings);
   };
+  // A removed item is the person un-choosing that metric: settings then show it unticked, and
+  // ticking it again brings the item back.
+  items_->onRemoved = [this](Metric metric) {
+    std::vector<Metric> chosen = model_.settings().menuItems;
+    std::erase(chosen, metric);
+    model_.setMenuItems(std::move(chosen));
+  };
   items_->onQuit = [this] {
     if (actions_.quit) actions_.quit();
   };

@@ -26,16 +26,15 @@ class StatusItems {
   virtual ~StatusItems() = default;
   // Whether the desktop shows such items at all (a Linux desktop may have no tray).
   virtual bool available() const = 0;
-  // Replaces the items with one per view.
+  // Replaces the items with one per view, each visible: a metric chosen in settings is shown
+  // even where the system remembers that its item was once dragged away.
   virtual void sync(const std::vector<MenuItemView>& items) = 0;
   // Redraws the items with new figures (same metrics as the last sync).
   virtual void update(const std::vector<MenuItemView>& items) = 0;
-  // Metrics whose items the person removed (macOS: dragged out of the bar with Command held).
-  virtual std::vector<Metric> removed() const { return {}; }
-  // Makes removed items visible again.
-  virtual void restore() {}
-
   std::function<void(QPoint anchor)> onClick;  // a click on an item: toggle the panel there
+  // The person removed the item of this metric (macOS: dragged out of the bar with Command held).
+  // Called on the main thread, later than the removal itself (never from inside `sync`).
+  std::function<void(Metric)> onRemoved;
   std::function<void()> onOpenWindow;
   std::function<void()> onSettings;
   std::function<void()> onQuit;

@@ -284,6 +284,12 @@ TEST_F(StatusBarTest, SamplesRedrawTheItemsAndOnlyAnOpenPanel) {
   EXPECT_EQ(items->syncs, 2);
   ASSERT_EQ(items->last.size(), 1u);
   EXPECT_EQ(items->last.front().metric, Metric::network);
+  // An item the person dragged away unticks its metric, and the rest are rebuilt without it.
+  model->setMenuItems({Metric::cpu, Metric::memory});
+  items->onRemoved(Metric::cpu);
+  ASSERT_EQ(items->last.size(), 1u);
+  EXPECT_EQ(items->last.front().metric, Metric::memory);
+  EXPECT_EQ(model->settings().menuItems, std::vector<Metric>{Metric::memory});
 }
 
 TEST_F(StatusBarTest, NoTrayMeansNoItemsAndTheWindowStaysTheWayIn) {

@@ -1,7 +1,8 @@
 // The menu-bar items on macOS: one NSStatusItem of variable length per chosen metric, its image
 // drawn by menubar_images (Qt's tray icon is square and would shrink a wide image). Each item has
 // an autosave name, so the system keeps its place; the person may drag one out of the bar with
-// Command held, which the item reports as no longer visible, and settings can bring it back.
+// Command held, which the item reports as no longer visible (observed): that metric is then
+// unticked in settings, and ticking it again brings the item back.
 // Manual reference counting (the build does not turn on ARC): every alloc and retain here is
 // balanced in the same class.
 
@@ -17,12 +18,29 @@
 
 @interface VistrelItemTarget : NSObject
 @property(nonatomic, copy) void (^onClick)(NSStatusBarButton*);
+// Called with the item whose `visible` became NO (the person dragged it out of the bar).
+@property(nonatomic, copy) void (^onHidden)(NSStatusItem*);
 - (void)clicked:(id)sender;
 @end
 
 @implementation VistrelItemTarget
 - (void)clicked:(id)sender {
   if (self.onClick) self.onClick((NSStatusBarButton*)sender);
+}
+
+- (void)observeValueForKeyPath:(NSString*)keyPath
+                      ofObject:(id)object
+                        change:(NSDictionary<NSKeyValueChangeKey, id>*)change
+                       context:(void*)context {
+  if (![keyPath isEqualToString:@"visible"]) return;
+  if ([change[NSKeyValueChangeNewKey] boolValue]) return;
+  NSStatusItem* item = (NSStatusItem*)object;
+  // Not from inside the change: the handler rebuilds the items, removing this one.
+  [item retain];
+  dispatch_async(dispatch_get_main_queue(), ^{
+    if (self.onHidden) self.onHidden(item);
+    [item release];
+  });
 }
 @end
 
@@ -56,10 +74,21 @@ class MenuBarItems final : public StatusItems {
       const CGFloat top = NSMaxY(NSScreen.screens.firstObject.frame);
       onClick(QPoint(static_cast<int>(NSMidX(onScreen)), static_cast<int>(top - NSMinY(onScreen))));
     };
+    target_.onHidden = ^(NSStatusItem* hidden) {
+      for (const Entry& e : items_) {
+        if (e.item == hidden) {
+          if (onRemoved) onRemoved(e.metric);
+          return;
+        }
+      }
+    };
   }
 
   ~MenuBarItems() override {
     clear();
+    // A removal still queued on the main queue then finds no handler instead of this object.
+    target_.onHidden = nil;
+    target_.onClick = nil;
     [target_ release];
   }
 
@@ -77,6 +106,12 @@ class MenuBarItems final : public StatusItems {
       item.button.target = target_;
       item.button.action = @selector(clicked:);
       item.button.imagePosition = NSImageOnly;
+      // Chosen in settings, so shown, even if the system remembers it as dragged away once.
+      item.visible = YES;
+      [item addObserver:target_
+             forKeyPath:@"visible"
+                options:NSKeyValueObservingOptionNew
+                context:nil];
       items_.push_back({view.metric, item});
     }
     update(items);
@@ -91,18 +126,6 @@ class MenuBarItems final : public StatusItems {
     }
   }
 
-  std::vector<Metric> removed() const override {
-    std::vector<Metric> out;
-    for (const Entry& e : items_) {
-      if (!e.item.visible) out.push_back(e.metric);
-    }
-    return out;
-  }
-
-  void restore() override {
-    for (const Entry& e : items_) e.item.visible = YES;
-  }
-
  private:
   struct Entry {
     Metric metric;
@@ -111,6 +134,7 @@ class MenuBarItems final : public StatusItems {
 
   void clear() {
     for (const Entry& e : items_) {
+      [e.item removeObserver:target_ forKeyPath:@"visible"];
       [NSStatusBar.systemStatusBar removeStatusItem:e.item];
       [e.item release];
     }
