@@ -2,8 +2,8 @@
 
 // Runs the real executable with its three standard streams as pipes, for the integration tests.
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
