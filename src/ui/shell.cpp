@@ -55,6 +55,11 @@ class WindowShell final : public ApplicationShell {
     model_.hooks.applyDock = [this] {
       desktop::setShowInDock(model_.settings().showInDock, window_->isVisible());
     };
+    // A login launch stays in the menu bar; on macOS that is known only once launching is done.
+    desktop::onLoginLaunch([this] {
+      atLogin_ = true;
+      if (!hooks_.show) window_->hide();
+    });
     notifier_ = makeDesktopNotifier([this] { go(Page::alerts), showWindow(); });
     model_.alertEngine().setNotifier(notifier_.get());
     // The setting is on by default, so a first launch never sees it turned on: ask now (the
@@ -141,7 +146,10 @@ class WindowShell final : public ApplicationShell {
     if (target && target->hidden) return;
     // Opened at login or for an AI agent: the menu bar (or tray) only, unless a page is asked for.
     const char* launch = std::getenv(kLaunchVariable);
-    if (!hooks_.show && launch && launchKindFromWord(launch) != LaunchKind::interactive) return;
+    if (!hooks_.show &&
+        (atLogin_ || (launch && launchKindFromWord(launch) != LaunchKind::interactive))) {
+      return;
+    }
     showWindow();
     if (target && target->tour) {
       // Every page once, a tick apart, then back to the overview (memory after a full visit).
@@ -311,6 +319,7 @@ class WindowShell final : public ApplicationShell {
   std::unique_ptr<AlertNotifier> notifier_;
   std::unique_ptr<StatusBar> statusBar_;
   std::function<void()> previousOnSample_;  // the application's own per-sample work
+  bool atLogin_ = false;                    // macOS said this was a login item's launch
   QTimer frameTimer_;
 };
 
