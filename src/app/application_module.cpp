@@ -156,6 +156,10 @@ int runApplicationModule(LaunchKind kind) {
   if (!becomeTheInstance(kind, instanceLockPath(ControlSocket::path()))) return 0;
   if (kind != LaunchKind::interactive) {
     ::setenv(kLaunchVariable, std::string(launchWord(kind)).c_str(), 1);
+  } else {
+    // Not inherited from a login-launched parent (an update's relaunch): this launch shows the
+    // window.
+    ::unsetenv(kLaunchVariable);
   }
   auto executable = runningExecutablePath();
   if (!executable) {
