@@ -157,6 +157,12 @@ TEST(Tray, AppearsWithAHostAndItsActivationOpensThePanel) {
   // are answered while the main thread waits.
   QThread hostThread;
   hostThread.start();
+  // Stopped on every way out: a running QThread's destruction aborts the process, which would
+  // leave Xvfb and the bus behind.
+  struct Stop {
+    QThread& thread;
+    ~Stop() { thread.quit(), thread.wait(); }
+  } stop{hostThread};
   FakeWatcher watcher;
   watcher.moveToThread(&hostThread);
   std::atomic<bool> hostReady{false};
