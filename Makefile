@@ -94,6 +94,8 @@ bench: build
 # shot (one shot of the alerts page would otherwise mark them read for the rest).
 SHOT_PAGES ?= overview cpu memory gpu disk network battery heat apps agents sensors alerts settings welcome cpu:hour quit share
 SHOT_DELAY ?= 3.5
+# Long enough for a few samples, so that the items' charts and the panel's sparklines have a shape.
+MENUBAR_SHOT_DELAY ?= 9
 SHOT_BIN ?= build/release/src/vistrel
 shots: build
 	@$(MAKE) --no-print-directory shots-only
@@ -112,6 +114,15 @@ shots-only:
 	  [ -s $$out ] || { echo "no shot written for $$page" >&2; cat build/shots/last.log; exit 1; }; \
 	  echo "$$out"; \
 	done; done; done
+	@# The menu-bar items, the tray icon and the panel, at scale 2 in both appearances, from one run
+	@# with the window open (so the samples come at the 2-second interval).
+	@env -u XDG_CONFIG_HOME -u XDG_DATA_HOME -u DISPLAY -u WAYLAND_DISPLAY HOME=$(CURDIR)/build/shots/home \
+	  QT_QPA_PLATFORM=offscreen VISTREL_SHOW=overview VISTREL_MENUBAR_SHOT=$(CURDIR)/build/shots/menubar \
+	  VISTREL_SHOT_DELAY=$(MENUBAR_SHOT_DELAY) VISTREL_SHOT_QUIT=1 \
+	  $(SHOT_BIN) 2>build/shots/last.log || { cat build/shots/last.log; exit 1; }
+	@[ -s build/shots/menubar-panel-paper.png ] && [ -s build/shots/menubar-panel-night.png ] || \
+	  { echo "no menu-bar shots written" >&2; cat build/shots/last.log; exit 1; }
+	@ls build/shots/menubar-*.png
 
 # Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS.
 fuzz:

@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     case vistrel::RunMode::statusLine:
       return vistrel::runStatusLineMode();
     case vistrel::RunMode::application:
-      return vistrel::runApplicationModule();
+      return vistrel::runApplicationModule(vistrel::launchKind(arguments));
   }
   return 0;
 }

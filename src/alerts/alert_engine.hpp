@@ -70,6 +70,9 @@ class AlertEngine {
 
   // Forwards to the notifier, if any.
   void requestPermission();
+  // Replaces the notifier (null: none). The window installs the desktop's once it exists; the
+  // notifier must outlive the engine or be replaced before it goes.
+  void setNotifier(AlertNotifier* notifier) { notifier_ = notifier; }
 
   // Rules that may raise alerts (default: all).
   std::set<AlertEvent::Kind> enabled{kAllAlertKinds.begin(), kAllAlertKinds.end()};

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "agents/agent_stage.hpp"
+#include "alerts/alert_event.hpp"
 #include "app/status_line.hpp"
 #include "base/paths.hpp"
 #include "processes/process_stages.hpp"
@@ -25,6 +26,8 @@ ApplicationOptions ApplicationOptions::fromEnvironment() {
   ApplicationOptions options;
   if (std::getenv("VISTREL_TEST_QUIT")) options.quitAfterTicks = kTestQuitTicks;
   options.printStatus = ::isatty(STDOUT_FILENO) == 1;
+  // Without a window nothing else would show them: the journal of a user unit, a terminal.
+  options.alertLines = true;
   return options;
 }
 
@@ -40,6 +43,13 @@ Application::Application(ApplicationOptions options, SamplerParts parts, MainLoo
   model_ = std::make_unique<Model>(
       Model::Parts{sampler_, history_.get(), defaults_.get(), /*notifier=*/nullptr}, clock);
   model_->hooks.onSample = [this] { sampled(); };
+  if (options_.alertLines) {
+    model_->hooks.onAlert = [](const AlertEvent& event) {
+      std::string line = "vistrel: " + alertLine(event) + "\n";
+      std::fwrite(line.data(), 1, line.size(), stderr);
+      std::fflush(stderr);
+    };
+  }
   // A terminal printing every sample is someone watching: sample at the user's interval, as for
   // an open panel, instead of the background's slower one.
   if (options_.printStatus) model_->setPanelVisible(true);
@@ -132,6 +142,7 @@ void blockTerminationSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGUSR1);  // a second launch asking for the window (app/single_instance)
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
 }
@@ -144,6 +155,7 @@ int runApplicationMode(MainLoop& loop, const ShellFactory& makeShell, Applicatio
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGUSR1);
 
   int status = 0;
   {
@@ -153,8 +165,19 @@ int runApplicationMode(MainLoop& loop, const ShellFactory& makeShell, Applicatio
     installAgentStage(parts, processes);
     Application app(std::move(options), std::move(parts), loop);
     std::thread waiter([&signals, &app] {
-      int received = 0;
-      if (sigwait(&signals, &received) == 0 && received != 0) app.requestQuit();
+      for (;;) {
+        int received = 0;
+        if (sigwait(&signals, &received) != 0) continue;
+        if (received == SIGUSR1) {
+          // Another launch found this application running: bring the window forward, if any.
+          app.mainLoop().post([&app] {
+            if (app.model().hooks.openWindow) app.model().hooks.openWindow();
+          });
+          continue;
+        }
+        app.requestQuit();
+        return;
+      }
     });
     std::unique_ptr<ApplicationShell> shell;
     if (makeShell) {

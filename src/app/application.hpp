@@ -24,6 +24,7 @@ namespace vistrel {
 struct ApplicationOptions {
   std::optional<int> quitAfterTicks;  // VISTREL_TEST_QUIT: end after this many snapshots
   bool printStatus = false;           // one status line per tick on standard output (a terminal)
+  bool alertLines = false;            // each raised alert as one line on standard error (headless)
   std::string supportFolder;          // history, control socket; empty: the platform's folders
   AgentsMonitor::Options agents;      // the agents' folders (tests point them at fixtures)
 

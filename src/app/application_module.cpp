@@ -7,6 +7,8 @@
 #include <cstdlib>
 
 #include "agents/executable_path.hpp"
+#include "app/single_instance.hpp"
+#include "control/control_socket.hpp"
 
 #ifndef VISTREL_APPLICATION_MODULE
 #error "the build names the application module's file"
@@ -144,7 +146,21 @@ std::vector<std::string> applicationModuleCandidates(std::string_view executable
   return out;
 }
 
-int runApplicationModule() {
+bool headlessForced(const char* value) {
+  return value && *value && std::string_view(value) != "0";
+}
+
+int runApplicationModule(LaunchKind kind) {
+  // One application per user: the lock sits beside the control socket, which every launch (and
+  // every `--mcp`) finds in the same place whatever its environment.
+  if (!becomeTheInstance(kind, instanceLockPath(ControlSocket::path()))) return 0;
+  if (kind != LaunchKind::interactive) {
+    ::setenv(kLaunchVariable, std::string(launchWord(kind)).c_str(), 1);
+  } else {
+    // Not inherited from a login-launched parent (an update's relaunch): this launch shows the
+    // window.
+    ::unsetenv(kLaunchVariable);
+  }
   auto executable = runningExecutablePath();
   if (!executable) {
     std::fprintf(stderr,
@@ -156,10 +172,9 @@ int runApplicationModule() {
   std::optional<std::string> noWindow;
   // VISTREL_HEADLESS (any value but empty or 0): the service unit runs the monitor without a window
   // even where a session has a display.
-  const char* headless = std::getenv("VISTREL_HEADLESS");
   if (*windowModule == '\0') {
     noWindow = "this build has no window";
-  } else if (headless && *headless && std::string_view(headless) != "0") {
+  } else if (headlessForced(std::getenv("VISTREL_HEADLESS"))) {
     noWindow = "VISTREL_HEADLESS is set (no window wanted)";
   } else if (!kAlwaysDisplay) {
     noWindow =

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "app/single_instance.hpp"
+
 namespace vistrel {
 
 // The application mode lives in a module loaded at run time, so that the executable's light modes
@@ -47,6 +49,11 @@ std::vector<std::string> applicationModuleCandidates(std::string_view executable
 // the window module or the toolkit's libraries cannot be loaded, writes why in one line to
 // standard error and runs the application module headless. When neither can be loaded, writes
 // why to standard error and returns 1; nothing else of the application has run by then.
-int runApplicationModule();
+// `kind` is how it was launched: the launch first claims the single instance (app/single_instance)
+// and ends at once, status 0, when another application already runs. VISTREL_HEADLESS set to
+// anything but "" or "0" runs the application headless even with a display.
+int runApplicationModule(LaunchKind kind);
+// Whether a value of VISTREL_HEADLESS asks for a headless run.
+bool headlessForced(const char* value);
 
 }  // namespace vistrel

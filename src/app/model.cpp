@@ -19,6 +19,16 @@ bool debugEnvironment() {
 
 }  // namespace
 
+std::string alertLine(const AlertEvent& event) {
+  std::string line = "alert " + std::string(rawValue(event.kind)) + ": " + event.title;
+  if (!event.detail.empty()) line += " — " + event.detail;
+  // One line each, whatever the texts hold (an app's name comes from outside).
+  for (char& c : line) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  return line;
+}
+
 Model::Model(Parts parts, const Clock& clock) : parts_(std::move(parts)), clock_(clock) {
   if (!parts_.defaults) {
     // Without a store the settings live for this run only.
@@ -212,9 +222,11 @@ void Model::receive(Snapshot snapshot) {
 
   auto events = alertLog_->receive(s, page_ == Page::alerts);
   for (const auto& event : events) {
-    std::string line = "alert " + std::string(rawValue(event.kind)) + ": " + event.title;
-    if (!event.detail.empty()) line += " — " + event.detail;
-    debug(line + "\n");
+    if (hooks.onAlert) {
+      hooks.onAlert(event);
+    } else {
+      debug(alertLine(event) + "\n");
+    }
   }
 
   if (parts_.history && now - totalsAt_ > kTotalsEvery) {

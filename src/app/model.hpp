@@ -28,6 +28,9 @@ struct AlertEvent;
 // The application model: settings, what the window shows, the live series, and the snapshot
 // receiver that feeds the history and the alerts. Qt-free; runs on the main thread only. The user
 // interface fills the hooks; headless, they stay empty.
+// One line for an alert, without a newline: "alert <kind>: <title> — <detail>".
+std::string alertLine(const AlertEvent& event);
+
 class Model {
  public:
   // Optional callbacks installed by the application delegate (the window, the menu-bar items).
@@ -38,6 +41,9 @@ class Model {
     std::function<void()> applyDock;
     std::function<void()> menuItemsChanged;
     std::function<void()> onSample;  // redraw the menu-bar items
+    // Each newly raised alert, oldest first, after it has been filed. Headless, the application
+    // writes it to standard error (`alertLine`); the debug line is then left out.
+    std::function<void(const AlertEvent&)> onAlert;
     // Ask the coding-agents monitor to refresh with this tick's live agent sessions, no sooner than
     // `minimumGap` seconds after its last refresh (the monitor enforces the gap).
     std::function<void(const Snapshot&, double minimumGap)> refreshAgents;

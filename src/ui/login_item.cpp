@@ -18,9 +18,10 @@ std::string autostartEntry(const std::string& executable) {
          "Type=Application\n"
          "Name=Vistrel\n"
          "Comment=Watches this machine, its apps and your coding agents\n"
+         // "--login" marks the launch, so that it starts in the tray without its window.
          "Exec=" +
          exec +
-         "\n"
+         " --login\n"
          "Terminal=false\n"
          "X-GNOME-Autostart-enabled=true\n";
 }

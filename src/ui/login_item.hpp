@@ -21,7 +21,8 @@ class LoginItem {
 // The platform's registration, for this executable. Defined in linux/ or macos/.
 std::unique_ptr<LoginItem> makeLoginItem(const std::string& executable);
 
-// The XDG autostart entry that opens `executable` at login (a desktop entry file's text).
+// The XDG autostart entry that opens `executable` at login (a desktop entry file's text), with the
+// argument "--login" so that such a launch stays in the tray without a window.
 std::string autostartEntry(const std::string& executable);
 // Where the autostart entry lives, given XDG_CONFIG_HOME (may be empty) and the home folder.
 std::string autostartPath(const std::string& xdgConfigHome, const std::string& home);

@@ -15,11 +15,14 @@
 
 #include "agents/executable_path.hpp"
 #include "app/model.hpp"
+#include "app/single_instance.hpp"
 #include "ui/desktop.hpp"
+#include "ui/desktop_notifier.hpp"
 #include "ui/login_item.hpp"
 #include "ui/quit_dialog.hpp"
 #include "ui/share_card.hpp"
 #include "ui/shell_state.hpp"
+#include "ui/status_bar.hpp"
 #include "ui/theme.hpp"
 #include "ui/toast.hpp"
 #include "ui/views.hpp"
@@ -55,6 +58,26 @@ class WindowShell final : public ApplicationShell {
     model_.hooks.applyAppearance = [this] { applyTheme(); };
     model_.hooks.applyDock = [this] {
       desktop::setShowInDock(model_.settings().showInDock, window_->isVisible());
+    };
+    // A login launch stays in the menu bar; on macOS that is known only once launching is done.
+    desktop::onLoginLaunch([this] {
+      atLogin_ = true;
+      if (!hooks_.show) window_->hide();
+    });
+    notifier_ = makeDesktopNotifier([this] { go(Page::alerts), showWindow(); });
+    model_.alertEngine().setNotifier(notifier_.get());
+    // The setting is on by default, so a first launch never sees it turned on: ask now (the
+    // system asks the person only once; later calls just report the answer).
+    if (model_.alertEngine().notify) model_.alertEngine().requestPermission();
+    statusBar_ = std::make_unique<StatusBar>(
+        model_,
+        StatusBar::Actions{[this] { showWindow(); }, [this](Page p) { go(p), showWindow(); },
+                           [this] { app_.requestQuit(); }});
+    model_.hooks.menuItemsChanged = [this] { statusBar_->sync(); };
+    previousOnSample_ = model_.hooks.onSample;
+    model_.hooks.onSample = [this] {
+      if (previousOnSample_) previousOnSample_();
+      statusBar_->update();
     };
     model_.addObserver([this](const Snapshot&) { window_->refresh(); });
     toast_ = new Toast(*window_->centralWidget());
@@ -98,11 +121,29 @@ class WindowShell final : public ApplicationShell {
     model_.hooks.applyAppearance = nullptr;
     model_.hooks.applyDock = nullptr;
     model_.hooks.quitRequested = nullptr;
+    model_.hooks.menuItemsChanged = nullptr;
+    model_.hooks.onSample = previousOnSample_;
+    model_.alertEngine().setNotifier(nullptr);
   }
 
  private:
   void launched() {
+    // The menu-bar items (tray) from the settings, then redrawn on every sample.
+    statusBar_->sync();
+    if (const char* prefix = std::getenv("VISTREL_MENUBAR_SHOT"); prefix && *prefix) {
+      QTimer::singleShot(static_cast<int>(hooks_.shotDelay * 1000), window_.get(),
+                         [this, path = std::string(prefix)] {
+                           statusBar_->dumpItems(path);
+                           if (hooks_.shotQuit && !hooks_.shot) app_.requestQuit();
+                         });
+    }
     if (model_.takeFirstLaunch()) model_.setShowWelcome(true);
+    // "panel": the menu-bar panel open and the window closed (benchmarks of the panel's cost).
+    if (hooks_.show == "panel") {
+      QScreen* screen = QGuiApplication::primaryScreen();
+      statusBar_->togglePanel(screen ? screen->availableGeometry().center() : QPoint(400, 300));
+      return;
+    }
     std::optional<ShowTarget> target;
     if (hooks_.show) {
       target = showTarget(*hooks_.show);
@@ -115,6 +156,12 @@ class WindowShell final : public ApplicationShell {
     }
     // A start with the window closed, as a login launch does: the menu bar (or tray) only.
     if (target && target->hidden) return;
+    // Opened at login or for an AI agent: the menu bar (or tray) only, unless a page is asked for.
+    const char* launch = std::getenv(kLaunchVariable);
+    if (!hooks_.show &&
+        (atLogin_ || (launch && launchKindFromWord(launch) != LaunchKind::interactive))) {
+      return;
+    }
     showWindow();
     if (target && target->tour) {
       // Every page once, a tick apart, then back to the overview (memory after a full visit).
@@ -177,6 +224,7 @@ class WindowShell final : public ApplicationShell {
   }
 
   void showWindow() {
+    statusBar_->closePopover();
     window_->show();
     window_->raise();
     window_->activateWindow();
@@ -305,6 +353,10 @@ class WindowShell final : public ApplicationShell {
   std::unique_ptr<MainWindow> window_;
   QuitDialog* quitDialog_ = nullptr;  // owned by the window
   Toast* toast_ = nullptr;            // owned by the window's content
+  std::unique_ptr<AlertNotifier> notifier_;
+  std::unique_ptr<StatusBar> statusBar_;
+  std::function<void()> previousOnSample_;  // the application's own per-sample work
+  bool atLogin_ = false;                    // macOS said this was a login item's launch
   QTimer frameTimer_;
 };
 

@@ -33,6 +33,7 @@ extern "C" __attribute__((visibility("default"))) int vistrel_ui_main(int interf
     static auto* loop = new vistrel::ui::QtMainLoop;
     auto options = vistrel::ApplicationOptions::fromEnvironment();
     options.printStatus = false;  // the window shows what the terminal lines would
+    options.alertLines = false;   // the window and the desktop's notifications show the alerts
     const int status =
         vistrel::runApplicationMode(*loop, vistrel::ui::makeWindowShell, std::move(options));
     loop->close();

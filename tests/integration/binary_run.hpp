@@ -2,6 +2,7 @@
 
 // Runs the real executable with its three standard streams as pipes, for the integration tests.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
@@ -98,6 +99,9 @@ inline Running startBinary(const std::string& binary, std::vector<std::string> a
   ::close(in[0]);
   ::close(out[1]);
   ::close(err[1]);
+  // The ends kept here must not leak into the next binary started: one that held another's
+  // standard input open would keep it from ever seeing its end.
+  for (int fd : {in[1], out[0], err[0]}) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
   r.in = in[1];
   r.out = out[0];
   r.err = err[0];

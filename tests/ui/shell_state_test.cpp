@@ -10,6 +10,7 @@
 #include <fstream>
 #include <map>
 
+#include "base/files.hpp"
 #include "ui/login_item.hpp"
 
 namespace vistrel::ui {
@@ -138,10 +139,11 @@ TEST(LoginItem, AutostartEntry) {
   EXPECT_EQ(autostartPath("/x/conf", "/home/me"), "/x/conf/autostart/vistrel.desktop");
   // A relative XDG_CONFIG_HOME is invalid by the specification and ignored.
   EXPECT_EQ(autostartPath("conf", "/home/me"), "/home/me/.config/autostart/vistrel.desktop");
-  EXPECT_NE(autostartEntry("/usr/bin/vistrel").find("\nExec=/usr/bin/vistrel\n"),
+  EXPECT_NE(autostartEntry("/usr/bin/vistrel").find("\nExec=/usr/bin/vistrel --login\n"),
             std::string::npos);
-  EXPECT_NE(autostartEntry("/opt/my apps/vi$trel").find("\nExec=\"/opt/my apps/vi\\$trel\"\n"),
-            std::string::npos);
+  EXPECT_NE(
+      autostartEntry("/opt/my apps/vi$trel").find("\nExec=\"/opt/my apps/vi\\$trel\" --login\n"),
+      std::string::npos);
 }
 
 #ifdef __linux__
@@ -157,6 +159,17 @@ TEST(LoginItem, LinuxEntryFollowsTheSwitch) {
   EXPECT_FALSE(item->setEnabled(false));
   EXPECT_FALSE(item->enabled());
   EXPECT_FALSE(item->setEnabled(false));  // already off: nothing to do, no complaint
+
+  // An entry the person edited is kept beside it before it is replaced, and again before removal.
+  const std::string entry = folder + "/autostart/vistrel.desktop";
+  std::ofstream(entry) << "[Desktop Entry]\nExec=/usr/bin/vistrel --mine\n";
+  EXPECT_FALSE(item->setEnabled(true));
+  EXPECT_EQ(readFile(entry + ".bak"), "[Desktop Entry]\nExec=/usr/bin/vistrel --mine\n");
+  EXPECT_EQ(readFile(entry), autostartEntry("/usr/bin/vistrel"));
+  std::ofstream(entry, std::ios::app) << "Hidden=true\n";
+  EXPECT_FALSE(item->setEnabled(false));
+  EXPECT_FALSE(std::filesystem::exists(entry));
+  EXPECT_NE(readFile(entry + ".bak")->find("Hidden=true"), std::string::npos);
 
   // A folder that cannot be made: the refusal is said and the state stays off.
   std::filesystem::remove_all(folder + "/autostart");

@@ -23,7 +23,9 @@ bool launchApplicationInBackground() {
   if (!isSet("DISPLAY") && !isSet("WAYLAND_DISPLAY")) {
     environment.push_back("QT_QPA_PLATFORM=offscreen");
   }
-  return startDetached(program, {}, environment);
+  // "--background": the application starts in the tray without a window, and exits at once when
+  // another application (started a moment earlier, say by a second agent) already runs.
+  return startDetached(program, {"--background"}, environment);
 }
 
 std::string applicationVersion() {

@@ -29,11 +29,13 @@ bool launchApplicationInBackground() {
   const std::string bundle = bundleOf(*executable);
   if (!bundle.empty()) {
     // -g: in the background, without taking the focus from the agent's terminal.
-    SubprocessResult opened = runSubprocess("/usr/bin/open", {"-g", bundle});
+    // "--background": a fresh start stays in the menu bar without its window.
+    SubprocessResult opened =
+        runSubprocess("/usr/bin/open", {"-g", bundle, "--args", "--background"});
     return opened.started && opened.exitStatus == 0;
   }
   // A build outside a bundle (development) has nothing for `open`: start it directly.
-  return startDetached(*executable, {}, {});
+  return startDetached(*executable, {"--background"}, {});
 }
 
 std::string applicationVersion() {

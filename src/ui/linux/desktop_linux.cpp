@@ -6,6 +6,8 @@ namespace vistrel::ui::desktop {
 
 void setShowInDock(bool, bool) {}
 
+void onLoginLaunch(std::function<void()>) {}
+
 bool canHideOthers() {
   return false;
 }

@@ -26,30 +26,45 @@ class AutostartEntry final : public LoginItem {
   bool enabled() override { return pathExists(path_); }
 
   std::optional<std::string> setEnabled(bool on) override {
+    const std::string wanted = autostartEntry(executable_);
+    // An entry that is not exactly ours (the person edited it, say to add an argument) is kept
+    // as "vistrel.desktop.bak" before it is replaced or removed.
+    if (auto existing = readFile(path_); existing && *existing != wanted) {
+      if (!writeAtomically(path_ + ".bak", *existing)) return failure("backed up");
+    }
     if (!on) {
       if (::unlink(path_.c_str()) != 0 && errno != ENOENT) return failure("removed");
       return std::nullopt;
     }
     const std::string folder = path_.substr(0, path_.rfind('/'));
     if (!makeFolders(folder)) return failure("written");
-    // Written beside it and renamed into place, so a desktop never reads half an entry.
-    const std::string temporary = path_ + ".tmp";
-    {
-      std::ofstream out(temporary, std::ios::trunc);
-      out << autostartEntry(executable_);
-      if (!out.flush()) {
-        ::unlink(temporary.c_str());
-        return failure("written");
-      }
-    }
-    if (std::rename(temporary.c_str(), path_.c_str()) != 0) {
-      ::unlink(temporary.c_str());
-      return failure("written");
-    }
+    if (!writeAtomically(path_, wanted)) return failure("written");
     return std::nullopt;
   }
 
  private:
+  // Written beside `path` and renamed into place, so a desktop never reads half an entry.
+  static bool writeAtomically(const std::string& path, const std::string& text) {
+    const std::string temporary = path + ".tmp";
+    {
+      std::ofstream out(temporary, std::ios::trunc);
+      out << text;
+      if (!out.flush()) {
+        const int error = errno;
+        ::unlink(temporary.c_str());
+        errno = error;
+        return false;
+      }
+    }
+    if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+      const int error = errno;
+      ::unlink(temporary.c_str());
+      errno = error;
+      return false;
+    }
+    return true;
+  }
+
   std::string failure(const char* verb) const {
     return "The autostart entry " + path_ + " could not be " + verb + ": " + std::strerror(errno) +
            ".";
