@@ -58,7 +58,7 @@ class AlertsPage final : public PageWidget {
 
     auto* rules = new Card("Rules");
     AlertLog& log = context.model.alerts();
-    auto* notify = new QCheckBox(q(kNotifySwitchText));
+    auto* notify = new CheckBox(q(kNotifySwitchText));
     notify->setObjectName("notify");
     notify->setChecked(log.notify());
     QObject::connect(notify, &QCheckBox::toggled,
@@ -73,7 +73,7 @@ class AlertsPage final : public PageWidget {
     rules->body()->addLayout(grid);
     int placed = 0;
     for (AlertEvent::Kind kind : kAllAlertKinds) {
-      auto* box = new QCheckBox(q(settingText(kind)));
+      auto* box = new CheckBox(q(settingText(kind)));
       box->setObjectName(q(rawValue(kind)));
       box->setChecked(log.alertKinds().count(kind) > 0);
       QObject::connect(box, &QCheckBox::toggled, [this, kind](bool on) {

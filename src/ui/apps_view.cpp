@@ -95,7 +95,9 @@ std::string figure(const Usage& u, AppColumn c) {
     case AppColumn::memory:
       return Fmt::mem(u.memory);
     case AppColumn::energy: {
-      // Energy impact as the platform reports it: a unitless figure, one decimal.
+      // Energy impact as the platform reports it: a unitless figure, one decimal; a dash where
+      // this machine cannot tell (a 0 there would read as "uses none").
+      if (!u.energyKnown) return "\u2014";
       if (u.energy <= 0) return "0";
       char text[32];
       std::snprintf(text, sizeof text, "%.1f", u.energy);
@@ -160,13 +162,15 @@ std::vector<AppLine> appLines(const Snapshot& s, const AppsQuery& query) {
   for (const ProcessSample& p : s.processes) byPid.emplace(p.pid, &p);
   const std::string needle = lower(query.filter);
   const std::string systemSuffix = platformText(" (part of macOS)");
+  const bool energyKnown = s.power.apps.has_value();
 
   std::vector<AppLine> lines;
   lines.reserve(s.apps.size());
   for (const AppUsage& app : s.apps) {
     AppLine line;
     line.id = app.id;
-    line.name = app.isSystem ? app.name + systemSuffix : app.name;
+    // The machine's own remainder ("... system services") already says whose it is.
+    line.name = app.isSystem && app.id != "system" ? app.name + systemSuffix : app.name;
     line.isSystem = app.isSystem;
     line.bundlePath = app.bundlePath;
     line.usage = {app.impact,
@@ -177,6 +181,7 @@ std::vector<AppLine> appLines(const Snapshot& s, const AppsQuery& query) {
                   app.netIn + app.netOut,
                   app.gpu,
                   app.lean};
+    line.usage.energyKnown = energyKnown;
     const bool appMatches = needle.empty() || lower(line.name).find(needle) != std::string::npos;
     for (int32_t pid : app.pids) {
       auto it = byPid.find(pid);
@@ -188,6 +193,7 @@ std::vector<AppLine> appLines(const Snapshot& s, const AppsQuery& query) {
         continue;
       }
       line.processes.push_back({p.pid, p.name, p.path, usageOf(p)});
+      line.processes.back().usage.energyKnown = energyKnown;
     }
     if (!appMatches && line.processes.empty()) continue;
     // Processes have no impact or lean of their own: under those columns they sort by CPU.

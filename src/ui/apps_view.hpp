@@ -34,6 +34,7 @@ struct Usage {
   double network = 0;  // in + out, bytes per second
   double gpu = 0;      // share, 0...1
   Lean lean = Lean::cpu;
+  bool energyKnown = true;  // false where the machine gives no per-process energy
 };
 
 struct ProcessLine {

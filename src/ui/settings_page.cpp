@@ -13,8 +13,6 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QSignalBlocker>
-#include <QStyle>
-#include <QStyleOptionButton>
 #include <QVBoxLayout>
 #include <set>
 
@@ -52,31 +50,8 @@ QWidget* withNote(QWidget* control, const QString& note) {
   return box;
 }
 
-// A check box whose box follows the appearance (the style sheet draws it) and whose tick is drawn
-// here in the window's colour: filled and ticked when on, so the state is never colour alone.
-class TickBox final : public QCheckBox {
- public:
-  using QCheckBox::QCheckBox;
-  void paintEvent(QPaintEvent* event) override {
-    QCheckBox::paintEvent(event);
-    if (!isChecked()) return;
-    QStyleOptionButton option;
-    initStyleOption(&option);
-    const QRectF box = style()->subElementRect(QStyle::SE_CheckBoxIndicator, &option, this);
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    QPen pen(currentPalette().window, 2);
-    pen.setCapStyle(Qt::RoundCap);
-    pen.setJoinStyle(Qt::RoundJoin);
-    painter.setPen(pen);
-    const QPointF c = box.center();
-    painter.drawPolyline(
-        QPolygonF({c + QPointF(-4, 0), c + QPointF(-1.2, 3), c + QPointF(4.2, -3.2)}));
-  }
-};
-
 QCheckBox* checkBox(const QString& text, bool on, std::function<void(bool)> changed) {
-  auto* box = new TickBox(text);
+  auto* box = new CheckBox(text);
   box->setChecked(on);
   box->setFont(textFont(kBody));
   QObject::connect(box, &QCheckBox::toggled,

@@ -66,6 +66,7 @@ QString styleSheet(const Palette& p) {
   auto c = [](const QColor& color) { return color.name(QColor::HexArgb); };
   return QString(R"(
 QToolTip { color: %1; background: %2; border: 1px solid %3; padding: 4px; }
+QDialog { border: 1px solid %3; }
 QScrollArea, QScrollArea > QWidget > QWidget { background: transparent; border: none; }
 QPushButton { color: %1; background: %2; border: 1px solid %3; border-radius: 7px;
   padding: 6px 14px; }

@@ -3,12 +3,31 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QStyle>
+#include <QStyleOptionButton>
 #include <QVBoxLayout>
 
 #include "ui/charts.hpp"
 #include "ui/theme.hpp"
 
 namespace vistrel::ui {
+
+void CheckBox::paintEvent(QPaintEvent* event) {
+  QCheckBox::paintEvent(event);
+  if (!isChecked()) return;
+  QStyleOptionButton option;
+  initStyleOption(&option);
+  const QRectF box = style()->subElementRect(QStyle::SE_CheckBoxIndicator, &option, this);
+  QPainter painter(this);
+  painter.setRenderHint(QPainter::Antialiasing);
+  QPen pen(currentPalette().window, 2);
+  pen.setCapStyle(Qt::RoundCap);
+  pen.setJoinStyle(Qt::RoundJoin);
+  painter.setPen(pen);
+  const QPointF c = box.center();
+  painter.drawPolyline(
+      QPolygonF({c + QPointF(-4, 0), c + QPointF(-1.2, 3), c + QPointF(4.2, -3.2)}));
+}
 
 namespace {
 constexpr int kCardPadding = 18;

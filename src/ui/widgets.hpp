@@ -4,6 +4,7 @@
 // text helpers. Painted rather than composed of many labels, so that a page that updates every
 // tick re-lays nothing out.
 
+#include <QCheckBox>
 #include <QLabel>
 #include <QString>
 #include <QWidget>
@@ -15,6 +16,16 @@
 class QVBoxLayout;
 
 namespace vistrel::ui {
+
+// A check box whose box follows the appearance (the style sheet draws it) and whose tick is drawn
+// here: filled and ticked when on, so that the state is never told by colour alone.
+class CheckBox : public QCheckBox {
+ public:
+  using QCheckBox::QCheckBox;
+
+ protected:
+  void paintEvent(QPaintEvent* event) override;
+};
 
 // A raised surface with an optional heading; children go into `body()`.
 class Card : public QWidget {

@@ -141,6 +141,29 @@ TEST(AppLines, CountsOnlyProcessesStillRunningAndMarksTheSystem) {
   EXPECT_EQ(cellText(browser, AppColumn::impact), "40");
   EXPECT_EQ(cellText(browser.processes[0], AppColumn::impact), "");
   EXPECT_EQ(cellText(browser.processes[0], AppColumn::lean), "");
+
+  // The machine's own remainder is named once, without the mark every other system app gets.
+  Snapshot withRest = machine();
+  AppUsage rest;
+  rest.id = "system";
+  rest.name = "macOS system services";
+  rest.isSystem = true;
+  withRest.apps.push_back(rest);
+  for (const auto& l : appLines(withRest, {})) {
+    if (l.id == "system") {
+      EXPECT_EQ(l.name, rest.name);
+    }
+  }
+
+  // Energy: a dash where the machine gives no per-process figure, never a 0 that reads as none.
+  for (bool known : {false, true}) {
+    SCOPED_TRACE(known ? "energy known" : "energy unknown");
+    Snapshot s = machine();
+    if (known) s.power.apps = 0.0;
+    const AppLine line = appLines(s, {})[0];
+    EXPECT_EQ(cellText(line, AppColumn::energy), known ? "0" : "\u2014");
+    EXPECT_EQ(cellText(line.processes[0], AppColumn::energy), known ? "0" : "\u2014");
+  }
 }
 
 TEST(AppLines, ColumnsRoundTripThroughTheirStoredNames) {
