@@ -10,41 +10,21 @@
 #include "app/control_host_impl.hpp"
 #include "app/model.hpp"
 #include "control/control.hpp"
+#include "control/recording_quit.hpp"
 #include "sampling/fakes.hpp"
 
 namespace vistrel {
 namespace {
 
-class RecordingSignals : public SignalSender {
- public:
-  bool send(int32_t pid, int signal) override {
-    sent.emplace_back(pid, signal);
-    return true;
-  }
-  std::vector<std::pair<int32_t, int>> sent;
-};
-
-class RecordingQuitter : public AppQuitter {
- public:
-  int quit(const std::vector<int32_t>& pids, bool force) override {
-    calls.emplace_back(pids, force);
-    return 1;
-  }
-  std::vector<std::pair<std::vector<int32_t>, bool>> calls;
-};
+using testing::RecordingQuitter;
+using testing::RecordingSignals;
 
 const uint32_t kMe = static_cast<uint32_t>(::getuid());
 
 class ModelQuitTest : public ::testing::Test {
  protected:
   ModelQuitTest() {
-    SamplerParts parts;
-    parts.cpu = std::make_unique<testing::FakeCPU>();
-    parts.memory = std::make_unique<testing::FakeMemory>();
-    parts.gpu = std::make_unique<testing::FakeGPU>();
-    parts.disk = std::make_unique<testing::FakeDisk>();
-    parts.network = std::make_unique<testing::FakeNetwork>();
-    sampler = Sampler::create(std::move(parts), main, clock);
+    sampler = testing::fakeSampler(main, clock);
     model = std::make_unique<Model>(Model::Parts{sampler, nullptr, &defaults, nullptr}, clock);
     model->setQuitTools(signals, apps);
   }

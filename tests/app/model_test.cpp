@@ -12,21 +12,11 @@
 namespace vistrel {
 namespace {
 
-std::shared_ptr<Sampler> fakeSampler(ManualMainQueue& main, const Clock& clock) {
-  SamplerParts parts;
-  parts.cpu = std::make_unique<testing::FakeCPU>();
-  parts.memory = std::make_unique<testing::FakeMemory>();
-  parts.gpu = std::make_unique<testing::FakeGPU>();
-  parts.disk = std::make_unique<testing::FakeDisk>();
-  parts.network = std::make_unique<testing::FakeNetwork>();
-  return Sampler::create(std::move(parts), main, clock);
-}
-
 class ModelTest : public ::testing::Test {
  protected:
   void makeModel() {
     model.reset();
-    sampler = fakeSampler(main, clock);
+    sampler = testing::fakeSampler(main, clock);
     model = std::make_unique<Model>(Model::Parts{sampler, nullptr, &defaults, nullptr}, clock);
     model->setDebugSink([this](std::string_view line) { debugLines.emplace_back(line); });
   }

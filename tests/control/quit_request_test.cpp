@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "control/recording_quit.hpp"
 #include "format/platform_text.hpp"
 
 namespace vistrel {
@@ -17,31 +18,8 @@ namespace {
 constexpr uint32_t kMe = 501;
 constexpr int32_t kSelf = 4242;
 
-// Records every signal instead of sending it; `fails` lists pids for which sending fails (gone).
-class RecordingSignals : public SignalSender {
- public:
-  bool send(int32_t pid, int signal) override {
-    sent.emplace_back(pid, signal);
-    return !fails.count(pid);
-  }
-  std::vector<std::pair<int32_t, int>> sent;
-  std::set<int32_t> fails;
-};
-
-class RecordingQuitter : public AppQuitter {
- public:
-  int quit(const std::vector<int32_t>& pids, bool force) override {
-    calls.push_back({pids, force});
-    return answer;
-  }
-  struct Call {
-    std::vector<int32_t> pids;
-    bool force;
-    bool operator==(const Call&) const = default;
-  };
-  std::vector<Call> calls;
-  int answer = 1;
-};
+using testing::RecordingQuitter;
+using testing::RecordingSignals;
 
 ProcessSample process(int32_t pid, int32_t ppid, uint32_t uid = kMe) {
   ProcessSample p;

@@ -4,6 +4,7 @@
 // counts how often it was asked.
 
 #include <deque>
+#include <memory>
 #include <utility>
 
 #include "sampling/cpu_source.hpp"
@@ -11,6 +12,7 @@
 #include "sampling/gpu_source.hpp"
 #include "sampling/memory_source.hpp"
 #include "sampling/network_source.hpp"
+#include "sampling/sampler.hpp"
 #include "sampling/stages.hpp"
 
 namespace vistrel::testing {
@@ -84,5 +86,17 @@ struct FakeNetwork : NetworkSource {
   }
   void interfacesChanged() override { ++changes; }
 };
+
+// A sampler whose machine readers are the fakes above, answering nothing: for tests of what
+// consumes snapshots (the model, the window), which hand snapshots over themselves.
+inline std::shared_ptr<Sampler> fakeSampler(MainQueue& main, const Clock& clock) {
+  SamplerParts parts;
+  parts.cpu = std::make_unique<FakeCPU>();
+  parts.memory = std::make_unique<FakeMemory>();
+  parts.gpu = std::make_unique<FakeGPU>();
+  parts.disk = std::make_unique<FakeDisk>();
+  parts.network = std::make_unique<FakeNetwork>();
+  return Sampler::create(std::move(parts), main, clock);
+}
 
 }  // namespace vistrel::testing

@@ -25,13 +25,7 @@ class AlertsPageTest : public ::testing::Test {
  protected:
   AlertsPageTest() {
     qtest::qtApp();
-    SamplerParts parts;
-    parts.cpu = std::make_unique<vistrel::testing::FakeCPU>();
-    parts.memory = std::make_unique<vistrel::testing::FakeMemory>();
-    parts.gpu = std::make_unique<vistrel::testing::FakeGPU>();
-    parts.disk = std::make_unique<vistrel::testing::FakeDisk>();
-    parts.network = std::make_unique<vistrel::testing::FakeNetwork>();
-    sampler = Sampler::create(std::move(parts), main, clock);
+    sampler = vistrel::testing::fakeSampler(main, clock);
     model = std::make_unique<Model>(Model::Parts{sampler, nullptr, &defaults, nullptr}, clock);
     host = std::make_unique<ModelControlHost>(*model, nullptr, [] { return AgentsSnapshot{}; });
     control = std::make_unique<Control>(*host, clock, false);

@@ -263,13 +263,7 @@ TEST(AppsPage, OpensOnTheRememberedSortAndSurvivesWhatElseIsStored) {
     ManualMainQueue main;
     MemoryUserDefaults defaults;
     if (c.stored) defaults.set("appsSort", *c.stored);
-    SamplerParts parts;
-    parts.cpu = std::make_unique<vistrel::testing::FakeCPU>();
-    parts.memory = std::make_unique<vistrel::testing::FakeMemory>();
-    parts.gpu = std::make_unique<vistrel::testing::FakeGPU>();
-    parts.disk = std::make_unique<vistrel::testing::FakeDisk>();
-    parts.network = std::make_unique<vistrel::testing::FakeNetwork>();
-    auto sampler = Sampler::create(std::move(parts), main, clock);
+    auto sampler = vistrel::testing::fakeSampler(main, clock);
     Model model(Model::Parts{sampler, nullptr, &defaults, nullptr}, clock);
     model.receive(machine());
     PageContext context{model, nullptr, [](Page) {}, "/usr/bin/vistrel", nullptr, &defaults};

@@ -13,6 +13,7 @@
 #include "app/control_host_impl.hpp"
 #include "app/model.hpp"
 #include "control/control.hpp"
+#include "control/recording_quit.hpp"
 #include "sampling/fakes.hpp"
 #include "ui/qt_app.hpp"
 #include "ui/quit_dialog.hpp"
@@ -21,23 +22,8 @@
 namespace vistrel::ui {
 namespace {
 
-class RecordingSignals : public SignalSender {
- public:
-  bool send(int32_t pid, int signal) override {
-    sent.emplace_back(pid, signal);
-    return true;
-  }
-  std::vector<std::pair<int32_t, int>> sent;
-};
-
-class RecordingQuitter : public AppQuitter {
- public:
-  int quit(const std::vector<int32_t>& pids, bool force) override {
-    calls.emplace_back(pids, force);
-    return 1;
-  }
-  std::vector<std::pair<std::vector<int32_t>, bool>> calls;
-};
+using vistrel::testing::RecordingQuitter;
+using vistrel::testing::RecordingSignals;
 
 using Sent = std::vector<std::pair<int32_t, int>>;
 using Calls = std::vector<std::pair<std::vector<int32_t>, bool>>;
@@ -49,13 +35,7 @@ class QuitFlowTest : public ::testing::Test {
  protected:
   QuitFlowTest() {
     qtest::qtApp();
-    SamplerParts parts;
-    parts.cpu = std::make_unique<vistrel::testing::FakeCPU>();
-    parts.memory = std::make_unique<vistrel::testing::FakeMemory>();
-    parts.gpu = std::make_unique<vistrel::testing::FakeGPU>();
-    parts.disk = std::make_unique<vistrel::testing::FakeDisk>();
-    parts.network = std::make_unique<vistrel::testing::FakeNetwork>();
-    sampler = Sampler::create(std::move(parts), main, clock);
+    sampler = vistrel::testing::fakeSampler(main, clock);
     model = std::make_unique<Model>(Model::Parts{sampler, nullptr, &defaults, nullptr}, clock);
     model->setQuitTools(signals, apps);
     host = std::make_unique<ModelControlHost>(*model, nullptr, [] { return AgentsSnapshot{}; });

@@ -46,16 +46,6 @@ void pump(int ms) {
   pumpUntil([] { return false; }, ms);
 }
 
-std::shared_ptr<Sampler> fakeSampler(MainQueue& main, const Clock& clock) {
-  SamplerParts parts;
-  parts.cpu = std::make_unique<testing::FakeCPU>();
-  parts.memory = std::make_unique<testing::FakeMemory>();
-  parts.gpu = std::make_unique<testing::FakeGPU>();
-  parts.disk = std::make_unique<testing::FakeDisk>();
-  parts.network = std::make_unique<testing::FakeNetwork>();
-  return Sampler::create(std::move(parts), main, clock);
-}
-
 Snapshot sample(Date time, double cpu) {
   Snapshot s;
   s.time = time;
@@ -87,7 +77,7 @@ class WindowTest : public ::testing::Test {
     char tmpl[] = "/tmp/vistrel-ui-XXXXXX";
     folder_ = ::mkdtemp(tmpl);
     history_ = std::make_unique<HistoryStore>(folder_, loop_);
-    sampler_ = fakeSampler(loop_, Clock::system());
+    sampler_ = vistrel::testing::fakeSampler(loop_, Clock::system());
   }
   void TearDown() override {
     window_.reset();
@@ -196,7 +186,7 @@ TEST_F(WindowTest, IntervalFollowsTheWindow) {
     defaults_.set(keys::interval, c.setting);
     window_.reset();
     model_.reset();
-    sampler_ = fakeSampler(loop_, Clock::system());
+    sampler_ = vistrel::testing::fakeSampler(loop_, Clock::system());
     makeWindow();
     followVisibility(*window_, *model_);
     model_->start();

@@ -104,16 +104,6 @@ class FakeWatcher : public QDBusVirtualObject {
   }
 };
 
-std::shared_ptr<Sampler> fakeSampler(MainQueue& main, const Clock& clock) {
-  SamplerParts parts;
-  parts.cpu = std::make_unique<testing::FakeCPU>();
-  parts.memory = std::make_unique<testing::FakeMemory>();
-  parts.gpu = std::make_unique<testing::FakeGPU>();
-  parts.disk = std::make_unique<testing::FakeDisk>();
-  parts.network = std::make_unique<testing::FakeNetwork>();
-  return Sampler::create(std::move(parts), main, clock);
-}
-
 template <class F>
 bool pumpUntil(F done, int ms = 8000) {
   QElapsedTimer timer;
@@ -184,7 +174,7 @@ TEST(Tray, AppearsWithAHostAndItsActivationOpensThePanel) {
   ManualMainQueue main;
   MemoryUserDefaults defaults;
   defaults.set(keys::interval, 2.0);
-  auto sampler = fakeSampler(main, clock);
+  auto sampler = vistrel::testing::fakeSampler(main, clock);
   Model model(Model::Parts{sampler, nullptr, &defaults, nullptr}, clock);
   model.start();
   {
